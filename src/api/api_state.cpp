@@ -7,9 +7,6 @@ float output_mag_lpf_ratio = 0.1f;      // output low-pass coefficient (NFC vari
 float comp_charging_x = 0.0f;           // uT per (current / 1000), set by the device profile
 float comp_charging_y = 0.0f;
 float comp_charging_z = 0.0f;
-float fMagSP_nonfc[9] = {0.9356f,  -0.0447f, 0.0172f,   // non-NFC device soft-iron matrix
-                         -0.0327f, 1.0337f,  0.0091f,
-                         0.0611f,  0.0738f,  1.0374f};
 
 // ====================================================================== inputs
 Vec3f g_acc_data = {0.0f, 0.0f, 0.0f};  // m/s^2, latest accelerometer sample
