@@ -1,0 +1,151 @@
+// Charging-current compensation and the power-supply readers, with the sysfs
+// files redirected into a folder of the test's own.
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "api/api.h"
+#include "platform/host/host_platform.h"
+#include <android/log.h>
+
+#include "support/log_capture.h"
+
+namespace {
+
+class SysfsFolder {
+ public:
+  SysfsFolder() {
+    char tmpl[] = "/tmp/qvn_sysfs_XXXXXX";
+    root_ = mkdtemp(tmpl);
+    for (const char *d : {"/sys", "/sys/class", "/sys/class/power_supply",
+                          "/sys/class/power_supply/battery", "/sys/class/power_supply/usb",
+                          "/sys/class/power_supply/ac"}) {
+      mkdir((root_ + d).c_str(), 0755);
+    }
+    qvn_host_set_sysfs_root(root_.c_str());
+  }
+  ~SysfsFolder() {
+    std::string cmd = "rm -rf '" + root_ + "'";
+    if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cleanup";
+  }
+  void Write(const char *rel, const std::string &text) {
+    FILE *f = fopen((root_ + "/sys/class/power_supply/" + rel).c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fputs(text.c_str(), f);
+    fclose(f);
+  }
+
+ private:
+  std::string root_;
+};
+
+void UseNonNfcCoefficients() {
+  comp_charging_x = 0.0004415f;
+  comp_charging_y = 0.0009354f;
+  comp_charging_z = 0.00195f;
+}
+
+TEST(ChargingComp, ThresholdAndProportionalStep) {
+  UseNonNfcCoefficients();
+  struct Case {
+    int32_t current;
+    bool changes;
+  } cases[] = {{-1, false}, {-500000, false}, {99999, false}, {100000, true}, {2500000, true}};
+  for (const Case &c : cases) {
+    float m[3] = {10.0f, 20.0f, 30.0f};
+    EXPECT_EQ(qvn_linearCharging_Comp(m, c.current), m);
+    if (!c.changes) {
+      EXPECT_EQ(m[0], 10.0f);
+      EXPECT_EQ(m[2], 30.0f);
+      continue;
+    }
+    const float i = static_cast<float>(c.current);
+    EXPECT_EQ(m[0], 10.0f - (0.0004415f * i) / 1000.0f);
+    EXPECT_EQ(m[1], 20.0f - (0.0009354f * i) / 1000.0f);
+    EXPECT_EQ(m[2], 30.0f - (0.00195f * i) / 1000.0f);
+  }
+  float m[3] = {0.0f, 0.0f, 0.0f};
+  qvn_linearCharging_Comp(m, 100000);
+  EXPECT_NEAR(m[0], -0.04415f, 1e-7f);
+  EXPECT_NEAR(m[1], -0.09354f, 1e-7f);
+  EXPECT_NEAR(m[2], -0.195f, 1e-7f);
+}
+
+TEST(ChargingComp, CurrentFileFeedsEveryCalibrationStep) {
+  SysfsFolder sysfs;
+  sysfs.Write("battery/current_now", "1500000\n");
+  EXPECT_EQ(get_battery_current(), 1500000);
+  // NFC coefficients: x loses 0.0004917 * 1500 uT.
+  comp_charging_x = 0.0004917f;
+  float m[3] = {5.0f, 0.0f, 0.0f};
+  qvn_linearCharging_Comp(m, get_battery_current());
+  EXPECT_EQ(m[0], 5.0f - (0.0004917f * 1500000.0f) / 1000.0f);
+  EXPECT_NEAR(5.0f - m[0], 0.7375f, 1e-4f);
+}
+
+TEST(ChargingComp, MissingCurrentFileLogsOncePerSampleAndChangesNothing) {
+  SysfsFolder sysfs;
+  UseNonNfcCoefficients();
+  qvn_test::LogCapture log;
+  for (int i = 1; i <= 3; ++i) {
+    EXPECT_EQ(get_battery_current(), -1);
+    EXPECT_EQ(log.CountExact("qvn_cali  SYS_FS_CURRENT_NOW openfailed"), i);
+  }
+  const qvn_test::LogLine *l = log.Find("SYS_FS_CURRENT_NOW");
+  EXPECT_EQ(l->priority, ANDROID_LOG_ERROR);
+}
+
+TEST(PowerSupplyReaders, NumbersAreReadWithAtoi) {
+  SysfsFolder sysfs;
+  struct Case {
+    const char *text;
+    int32_t value;
+  } cases[] = {{"123\n", 123}, {"-4500", -4500}, {"abc", 0}, {"", 0}, {"77 trailing", 77},
+               // Only the first 32 characters are read: the 33rd digit is not.
+               {"0000000000000000000000000000001234", 12}};
+  for (const Case &c : cases) {
+    sysfs.Write("battery/current_now", c.text);
+    sysfs.Write("usb/charge_type", c.text);
+    EXPECT_EQ(get_battery_current(), c.value) << c.text;
+    EXPECT_EQ(get_charge_mode(), c.value) << c.text;
+  }
+}
+
+TEST(PowerSupplyReaders, ChargeModeFailureLine) {
+  SysfsFolder sysfs;
+  qvn_test::LogCapture log;
+  EXPECT_EQ(get_charge_mode(), -1);
+  EXPECT_EQ(log.CountExact("qvn_cali Error open SYS_FS_CHARGE_MODE failed"), 1);
+}
+
+TEST(PowerSupplyReaders, UsbOnlineCombinesBothFiles) {
+  struct Case {
+    const char *usb;  // nullptr: file missing
+    const char *ac;
+    int32_t result;
+    const char *line;
+  } cases[] = {
+      {"1", "1", 2, "qvn_cali ret=2"},
+      {"0", "1", 2, "qvn_cali ret=2"},
+      {"1", "0", 1, "qvn_cali ret=1"},
+      {"0\n", "0\n", 0, "qvn_cali ret=0"},
+      {nullptr, "1", -1, "qvn_cali Error 2,open SYS_FS_USB_ONLINE failed"},
+      {"1", nullptr, -1, "qvn_cali 2 open SYS_FS_AC_ONLINE failed"},
+  };
+  for (const Case &c : cases) {
+    SysfsFolder sysfs;
+    if (c.usb != nullptr) sysfs.Write("usb/online", c.usb);
+    if (c.ac != nullptr) sysfs.Write("ac/online", c.ac);
+    qvn_test::LogCapture log;
+    EXPECT_EQ(check_usb_online(), c.result);
+    EXPECT_EQ(log.CountExact(c.line), 1) << c.line;  // errno 2 is ENOENT
+  }
+}
+
+}  // namespace

@@ -1,0 +1,68 @@
+// The library exports exactly the agreed names, with C linkage, and the
+// names that share one routine really are one routine.
+#include <dlfcn.h>
+#include <stdio.h>
+
+#include <fstream>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::set<std::string> RequiredNames() {
+  std::set<std::string> names;
+  std::ifstream in(QVN_SHARED_DATA_DIR "/../exported-names.txt");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (!line.empty()) names.insert(line);
+  }
+  return names;
+}
+
+std::set<std::string> DefinedDynamicSymbols() {
+  std::set<std::string> names;
+  FILE *p = popen("nm -D --defined-only '" QVN_LIB_PATH "'", "r");
+  if (p == nullptr) return names;
+  char buf[512];
+  while (fgets(buf, sizeof buf, p) != nullptr) {
+    std::string s(buf);
+    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
+    const size_t sp = s.rfind(' ');
+    names.insert(sp == std::string::npos ? s : s.substr(sp + 1));
+  }
+  pclose(p);
+  return names;
+}
+
+TEST(Exports, EveryRequiredNameResolvesByItsCName) {
+  const std::set<std::string> required = RequiredNames();
+  ASSERT_GT(required.size(), 400u);
+  void *lib = dlopen(QVN_LIB_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(lib, nullptr) << dlerror();
+  for (const std::string &name : required) {
+    EXPECT_NE(dlsym(lib, name.c_str()), nullptr) << name;
+  }
+  dlclose(lib);
+}
+
+TEST(Exports, NothingElseIsExportedAndNothingIsMangled) {
+  const std::set<std::string> required = RequiredNames();
+  const std::set<std::string> defined = DefinedDynamicSymbols();
+  ASSERT_FALSE(defined.empty());
+  for (const std::string &name : defined) {
+    EXPECT_TRUE(required.count(name) == 1) << "unexpected export " << name;
+    EXPECT_NE(name.rfind("_Z", 0), 0u) << "mangled export " << name;
+  }
+}
+
+TEST(Exports, AliasedRoutinesShareOneAddress) {
+  void *lib = dlopen(QVN_LIB_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(lib, nullptr);
+  EXPECT_EQ(dlsym(lib, "qvn_getGameRotationVector"), dlsym(lib, "qvn_getRotationVector"));
+  EXPECT_EQ(dlsym(lib, "MagCorrection"), dlsym(lib, "AccCorrection"));
+  dlclose(lib);
+}
+
+}  // namespace
