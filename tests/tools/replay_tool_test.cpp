@@ -1,0 +1,245 @@
+// The replay and simulation tools, run as an integrator runs them: bad inputs
+// are refused with a message naming the line or the name and a non-zero exit,
+// leaving no output behind; good inputs give one row per calibration step;
+// --set reaches the library with the variable's own type; the private
+// power-supply folder compensates charging and ignores this machine's battery;
+// and a simulated figure-eight's offset comes back end to end.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "api/api.h"
+
+#if defined(QVN_REPLAY_TOOL) && defined(QVN_SIMULATE_TOOL)
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kColumns = 35;          // columns of the step CSV
+constexpr float kOffsetToleranceUt = 0.5f;  // as the calibration tests use
+
+struct ToolRun {
+  int code;
+  std::string out, err;
+};
+
+class ToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string templ = (fs::temp_directory_path() / "qvn_tool_test.XXXXXX").string();
+    ASSERT_NE(mkdtemp(&templ[0]), nullptr);
+    dir_ = templ;
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  std::string Path(const std::string &name) const { return (dir_ / name).string(); }
+
+  std::string Write(const std::string &name, const std::string &text) const {
+    std::ofstream(Path(name)) << text;
+    return Path(name);
+  }
+
+  static std::string Slurp(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+
+  // Runs a tool with the given arguments (no shell quoting needed for the
+  // paths and values the tests use), capturing its exit code and output.
+  ToolRun Exec(const std::string &tool, const std::string &args, const std::string &env = "") const {
+    std::string cmd = env + " '" + tool + "' " + args + " >'" + Path("stdout") + "' 2>'" + Path("stderr") + "'";
+    int status = std::system(cmd.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(Path("stdout")), Slurp(Path("stderr"))};
+  }
+
+  // Rows of a CSV as fields, header dropped.
+  static std::vector<std::vector<std::string>> Rows(const std::string &path, std::string *header) {
+    std::ifstream in(path);
+    std::vector<std::vector<std::string>> rows;
+    std::string line;
+    std::getline(in, *header);
+    while (std::getline(in, line)) {
+      std::vector<std::string> f;
+      std::stringstream s(line);
+      std::string cell;
+      while (std::getline(s, cell, ',')) f.push_back(cell);
+      rows.push_back(f);
+    }
+    return rows;
+  }
+
+  fs::path dir_;
+};
+
+// A short, well-formed recording: 50 Hz magnetometer, accelerometer beside it.
+std::string SmallRecording(int mag_samples) {
+  std::string csv = "t_ns,sensor,x,y,z\n";
+  for (int i = 0; i < mag_samples; ++i) {
+    long long t = 1000000000LL + 20000000LL * i;
+    csv += std::to_string(t) + ",acc,0.1,0.2,9.8\n";
+    csv += std::to_string(t) + ",gyr,0.01,0,0\n";
+    csv += std::to_string(t) + ",mag," + std::to_string(20 + i % 7) + ",-5.5,40.25\n";
+  }
+  return csv;
+}
+
+struct BadInput {
+  const char *what;
+  const char *csv;   // nullptr: use the small recording
+  const char *args;  // extra options
+  const char *message;
+};
+
+void PrintTo(const BadInput &b, std::ostream *os) { *os << b.what; }
+
+class BadInputTest : public ToolTest, public ::testing::WithParamInterface<BadInput> {};
+
+TEST_P(BadInputTest, IsRefusedWithItsMessageAndLeavesNoOutput) {
+  const BadInput &b = GetParam();
+  std::string events = Write("events.csv", b.csv != nullptr ? b.csv : SmallRecording(5));
+  ToolRun r = Exec(QVN_REPLAY_TOOL, std::string(b.args) + " --out " + Path("steps.csv") + " " + events);
+  EXPECT_EQ(r.code, 2) << r.err;
+  EXPECT_NE(r.err.find(b.message), std::string::npos) << r.err;
+  // Nothing half-written: neither the output nor its temporary.
+  for (const auto &e : fs::directory_iterator(dir_)) {
+    EXPECT_EQ(e.path().filename().string().rfind("steps.csv", 0), std::string::npos) << e.path();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replay, BadInputTest,
+    ::testing::Values(
+        BadInput{"short row", "t_ns,sensor,x,y,z\n1,acc,0,0,9.8\n2,mag,1,2\n", "",
+                 "events.csv:3: expected 5 fields"},
+        BadInput{"unknown sensor", "1,acc,0,0,9.8\n2,baro,1,2,3\n", "", "events.csv:2: unknown sensor 'baro'"},
+        BadInput{"value not a number", "1,mag,1,2,3\n2,mag,1,two,3\n", "",
+                 "events.csv:2: column y 'two' is not a number"},
+        BadInput{"time not an integer", "1,mag,1,2,3\n2.5,mag,1,2,3\n", "", "events.csv:2: t_ns '2.5'"},
+        BadInput{"unknown tunable", nullptr, "--set g_no_such_thing=1", "unknown tunable 'g_no_such_thing'"},
+        BadInput{"tunable value out of its type", nullptr, "--set g_slect_swgyro_mode=256",
+                 "'g_slect_swgyro_mode' (uint8): '256' is out of range"},
+        BadInput{"tunable index past the end", nullptr, "--set hdi_array[3]=1", "bad index in 'hdi_array[3]'"},
+        BadInput{"integer tunable given a fraction", nullptr, "--set g_mag_id=1.5", "'1.5' is not an integer"},
+        BadInput{"hardware gyroscope flag", nullptr, "--hw-gyro 2", "--hw-gyro takes 0 or 1"},
+        BadInput{"unknown log level", nullptr, "--log-level loud", "unknown --log-level 'loud'"},
+        BadInput{"cur events with a foreign folder", "1,cur,200000,0,0\n2,mag,1,2,3\n", "--sysfs-root /nonexistent",
+                 "events.csv:1: cur events"}));
+
+TEST_F(ToolTest, WritesOneRowPerCalibrationStepWithEveryOutput) {
+  const int kSteps = 40;
+  std::string events = Write("events.csv", SmallRecording(kSteps));
+  ToolRun r = Exec(QVN_REPLAY_TOOL, "--out " + Path("steps.csv") + " " + events);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("events replayed     120 (acc 40, gyr 40, mag 40, cur 0)"), std::string::npos) << r.out;
+  std::string header;
+  auto rows = Rows(Path("steps.csv"), &header);
+  EXPECT_EQ(header.rfind("t_ns,raw_x,raw_y,raw_z,cal_x,cal_y,cal_z,offset_x,offset_y,offset_z,accuracy,", 0), 0u);
+  ASSERT_EQ(rows.size(), static_cast<size_t>(kSteps));
+  for (int i = 0; i < kSteps; ++i) {
+    ASSERT_EQ(rows[i].size(), static_cast<size_t>(kColumns)) << "row " << i;
+    EXPECT_EQ(std::stoll(rows[i][0]), 1000000000LL + 20000000LL * i);
+    EXPECT_EQ(std::stof(rows[i][1]), static_cast<float>(20 + i % 7));  // raw as handed over
+    EXPECT_EQ(std::stof(rows[i][3]), 40.25f);
+    int accuracy = std::stoi(rows[i][10]);
+    EXPECT_TRUE(accuracy >= 0 && accuracy <= 3);
+  }
+}
+
+TEST_F(ToolTest, ReportsBackwardTimeAndTheEarlyGyroscopeTrap) {
+  std::string events = Write("events.csv", "3000,acc,0,0,9.8\n2000,gyr,0.1,0,0\n4000,mag,1,2,3\n");
+  ToolRun r = Exec(QVN_REPLAY_TOOL, "--hw-gyro 1 --out " + Path("steps.csv") + " " + events);
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("events.csv:2: warning: time 2000 ns is earlier than line 1"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("events.csv:2: warning: with --hw-gyro 1"), std::string::npos) << r.err;
+  EXPECT_NE(r.out.find("fusion outputs"), std::string::npos) << r.out;  // the NaN shows in the summary
+  // Replayed in file order, not re-sorted.
+  ToolRun skipped = Exec(QVN_REPLAY_TOOL, "--hw-gyro 1 --skip-early-gyro " + events);
+  EXPECT_EQ(skipped.err.find("--hw-gyro 1 this gyroscope"), std::string::npos) << skipped.err;
+  EXPECT_NE(skipped.out.find("skipped             1 gyroscope events"), std::string::npos) << skipped.out;
+}
+
+TEST_F(ToolTest, SetWritesTheLibraryVariableWithItsOwnType) {
+  std::string events = Write("events.csv", SmallRecording(10));
+  // A float element and a uint8 switch: the offset in force, and no soft
+  // gyroscope, which leaves the rotation vector at its initial (0, 0, 0, 1).
+  ToolRun r = Exec(QVN_REPLAY_TOOL, "--set hdi_array[0]=10.5 --set g_slect_swgyro_mode=0 --out " +
+                                    Path("steps.csv") + " " + events);
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::string header;
+  auto rows = Rows(Path("steps.csv"), &header);
+  ASSERT_FALSE(rows.empty());
+  for (const auto &row : rows) {
+    EXPECT_EQ(std::stof(row[7]), 10.5f);
+    EXPECT_EQ(row[14] + "," + row[15] + "," + row[16] + "," + row[17], "0,0,0,1");
+  }
+}
+
+TEST_F(ToolTest, ChargingIsCompensatedAndThisMachinesBatteryIgnored) {
+  std::string sim = Path("sim");
+  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + sim +
+                                         " --motion still:6 --noise-mag 0 --charging 2,2,1500000").code, 0);
+  // A battery folder that must not leak in: a large current.
+  fs::create_directories(dir_ / "battery/sys/class/power_supply/battery");
+  std::ofstream(dir_ / "battery/sys/class/power_supply/battery/current_now") << "9000000\n";
+  ToolRun r = Exec(QVN_REPLAY_TOOL, "--out " + Path("steps.csv") + " " + sim + "/events.csv",
+               "QVN_SYSFS_ROOT=" + Path("battery"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::string header;
+  auto rows = Rows(Path("steps.csv"), &header);
+  ASSERT_GT(rows.size(), 250u);
+  // The raw field steps by the current's field during the window; the
+  // compensated output does not move at all (no noise, no motion).
+  bool raw_moved = false;
+  for (const auto &row : rows) {
+    raw_moved = raw_moved || row[1] != rows[0][1];
+    for (int k = 4; k <= 6; ++k) EXPECT_NEAR(std::stof(row[k]), std::stof(rows[0][k]), 1e-4f);
+  }
+  EXPECT_TRUE(raw_moved);
+}
+
+TEST_F(ToolTest, RecoversTheOffsetOfASimulatedFigureEight) {
+  std::string sim = Path("sim");
+  ToolRun s = Exec(QVN_SIMULATE_TOOL, "--out-dir " + sim + " --seed 7 --offset 35,-61.5,18");
+  ASSERT_EQ(s.code, 0) << s.err;
+  ToolRun r = Exec(QVN_REPLAY_TOOL, "--out " + Path("steps.csv") + " " + sim + "/events.csv");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("library frame"), std::string::npos) << "truth.txt beside the events is read";
+  std::string header;
+  auto rows = Rows(Path("steps.csv"), &header);
+  ASSERT_FALSE(rows.empty());
+  const auto &last = rows.back();
+  EXPECT_EQ(last[10], "3");
+  // The library's offset lives after the device's fixed soft-iron matrix.
+  const double truth[3] = {35, -61.5, 18};
+  for (int i = 0; i < 3; ++i) {
+    double expected = 0;
+    for (int k = 0; k < 3; ++k) expected += fMagSP_nonfc[3 * i + k] * truth[k];
+    EXPECT_NEAR(std::stof(last[7 + i]), expected, kOffsetToleranceUt) << "axis " << i;
+  }
+}
+
+TEST_F(ToolTest, SimulationIsDeterministicPerSeed) {
+  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("a") + " --motion still:1,figure8:3 --seed 3").code, 0);
+  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("b") + " --motion still:1,figure8:3 --seed 3").code, 0);
+  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("c") + " --motion still:1,figure8:3 --seed 4").code, 0);
+  EXPECT_EQ(Slurp(Path("a/events.csv")), Slurp(Path("b/events.csv")));
+  EXPECT_NE(Slurp(Path("a/events.csv")), Slurp(Path("c/events.csv")));
+  ToolRun bad = Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("d") + " --motion spin:3");
+  EXPECT_EQ(bad.code, 2);
+  EXPECT_NE(bad.err.find("bad motion segment 'spin:3'"), std::string::npos) << bad.err;
+}
+
+}  // namespace
+
+#else
+TEST(ReplayTool, NeedsTheTools) { GTEST_SKIP() << "built without QVN_BUILD_TOOLS"; }
+#endif

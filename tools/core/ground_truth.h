@@ -1,0 +1,51 @@
+// Ground truth beside an event file.
+//
+// gt.csv: "t_ns,qw,qx,qy,qz", the true phone-to-world orientation (world =
+// east, north, up), sorted by time.
+// truth.txt: "key value..." lines written by the simulator; the replay uses
+// offset_uT (3 values, raw sensor frame) and soft_iron (9 values, row-major,
+// raw = soft_iron * field + offset). '#' starts a comment.
+#ifndef QVNLIB_TOOLS_CORE_GROUND_TRUTH_H
+#define QVNLIB_TOOLS_CORE_GROUND_TRUTH_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "core/geometry.h"
+
+namespace qvn_tools {
+
+class OrientationTruth {
+ public:
+  bool Load(const std::string &path, std::string *error);
+  bool empty() const { return t_.empty(); }
+  size_t size() const { return t_.size(); }
+  // Orientation at t_ns (interpolated); false outside the covered time span
+  // or across a gap longer than max_gap_ns.
+  bool At(int64_t t_ns, Quat *q, int64_t max_gap_ns = 200000000) const;
+  // Moves every truth time by delta_ns (a clock offset between the recordings).
+  void Shift(int64_t delta_ns) {
+    for (int64_t &t : t_) t += delta_ns;
+  }
+
+ private:
+  std::vector<int64_t> t_;
+  std::vector<Quat> q_;
+};
+
+class CalibrationTruth {
+ public:
+  bool Load(const std::string &path, std::string *error);
+  // Values of key, or nullptr when absent.
+  const std::vector<double> *Get(const std::string &key) const;
+  bool HasOffset() const { return Get("offset_uT") != nullptr; }
+
+ private:
+  std::map<std::string, std::vector<double>> values_;
+};
+
+}  // namespace qvn_tools
+
+#endif  // QVNLIB_TOOLS_CORE_GROUND_TRUTH_H

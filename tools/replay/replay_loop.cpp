@@ -1,0 +1,185 @@
+// The replay loop: events in, the library's answers out, in the order a
+// sensor service makes its calls.
+#include "replay/replay_loop.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstring>
+
+namespace qvn_tools {
+namespace {
+
+// Host status handed with every sample; the library only logs it.
+constexpr int32_t kHostSampleStatus = 3;
+constexpr int kMaxOrderWarnings = 5;
+
+SensorEvent ToSensorEvent(const Event &e) {
+  SensorEvent s;
+  std::memset(&s, 0, sizeof s);
+  s.timestamp = e.t_ns;
+  s.x = static_cast<float>(e.x);
+  s.y = static_cast<float>(e.y);
+  s.z = static_cast<float>(e.z);
+  s.accuracy = kHostSampleStatus;
+  return s;
+}
+
+class ProgressBar {
+ public:
+  ProgressBar(bool enabled, size_t total) : enabled_(enabled), total_(total) {}
+  ~ProgressBar() {
+    if (enabled_ && shown_ >= 0) std::fprintf(stderr, "\r%*s\r", 60, "");
+  }
+  void Update(size_t done) {
+    if (!enabled_ || total_ == 0) return;
+    int percent = static_cast<int>(done * 100 / total_);
+    if (percent == shown_) return;
+    shown_ = percent;
+    constexpr int kWidth = 40;
+    int filled = percent * kWidth / 100;
+    std::fprintf(stderr, "\rreplaying [%.*s%*s] %3d%%", filled,
+                 "########################################", kWidth - filled, "", percent);
+    std::fflush(stderr);
+  }
+
+ private:
+  bool enabled_;
+  size_t total_;
+  int shown_ = -1;
+};
+
+}  // namespace
+
+void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
+                    bool skip_early_gyro, FILE *out) {
+  size_t backwards = 0;
+  for (size_t i = 1; i < events.size(); ++i) {
+    if (events[i].t_ns >= events[i - 1].t_ns) continue;
+    if (++backwards <= kMaxOrderWarnings) {
+      std::fprintf(out,
+                   "%s:%d: warning: time %" PRId64 " ns is earlier than line %d (%" PRId64
+                   " ns); events are replayed in file order, not re-sorted\n",
+                   path.c_str(), events[i].line, events[i].t_ns, events[i - 1].line, events[i - 1].t_ns);
+    }
+  }
+  if (backwards > kMaxOrderWarnings) {
+    std::fprintf(out, "%s: warning: %zu events in all go back in time\n", path.c_str(), backwards);
+  }
+  if (hw_gyro != 1 || skip_early_gyro) return;
+  for (const Event &e : events) {
+    if (e.sensor == Sensor::kMag) break;
+    if (e.sensor != Sensor::kGyr) continue;
+    std::fprintf(out,
+                 "%s:%d: warning: with --hw-gyro 1 this gyroscope event runs a fusion step before "
+                 "the first magnetometer event, while the start-up ramp length is still 0: the fusion "
+                 "weights become 0/0 and the quaternion stays NaN for good. A sensor service avoids "
+                 "this by handing the first magnetometer sample (SetMagData + DoCaliAPI) to the "
+                 "library before any gyroscope sample; --skip-early-gyro replays that order.\n",
+                 path.c_str(), e.line);
+    break;
+  }
+}
+
+bool RunReplay(const Library &lib, const std::vector<Event> &events, const ReplayConfig &config,
+               std::vector<StepRow> *rows, ReplayCounts *counts, std::string *error) {
+  const QvnLibApiTable &api = lib.api();
+  QvnFusionGetFn getters[kFusionOutputCount];
+  getters[kOrientation] = api.QVN_FusionGetOrientation;
+  getters[kRotationVector] = api.QVN_FusionGetRotationVector;
+  getters[kGameRotationVector] = api.QVN_FusionGetGameRotationVector;
+  getters[kGeoMagnetic] = api.QVN_FusionGetGeoMagnetic;
+  getters[kGravity] = api.QVN_FusionGetGravity;
+  getters[kLinearAccel] = api.QVN_FusionGetLinearaccel;
+  getters[kVirtualGyro] = api.QVN_FusionGetVirtualGyro;
+
+  ProgressBar bar(config.progress, events.size());
+  bool seen_mag = false;
+  for (size_t i = 0; i < events.size(); ++i) {
+    const Event &e = events[i];
+    bar.Update(i);
+    SensorEvent s = ToSensorEvent(e);
+    counts->per_sensor[static_cast<int>(e.sensor)]++;
+    switch (e.sensor) {
+      case Sensor::kAcc:
+        api.QVN_CaliApiSetAccelData(&s);
+        break;
+      case Sensor::kGyr:
+        if (config.skip_early_gyro && !seen_mag) {
+          counts->skipped_gyro++;
+          break;
+        }
+        api.QVN_CaliApiSetGyroData(&s);
+        break;
+      case Sensor::kCur:
+        if (config.on_current && !config.on_current(static_cast<int64_t>(e.x), error)) return false;
+        break;
+      case Sensor::kMag: {
+        seen_mag = true;
+        StepRow row;
+        std::memset(&row, 0, sizeof row);
+        row.t_ns = e.t_ns;
+        row.raw[0] = s.x;
+        row.raw[1] = s.y;
+        row.raw[2] = s.z;
+        api.QVN_CaliApiSetMagData(&s);
+        api.QVN_DoCaliAPI(&s, &row.cal);
+        for (int k = 0; k < kFusionOutputCount; ++k) getters[k](&row.fusion[k]);
+        rows->push_back(row);
+        break;
+      }
+    }
+  }
+  bar.Update(events.size());
+  return true;
+}
+
+const char kStepCsvHeader[] =
+    "t_ns,raw_x,raw_y,raw_z,cal_x,cal_y,cal_z,offset_x,offset_y,offset_z,accuracy,"
+    "azimuth,pitch,roll,rv_x,rv_y,rv_z,rv_w,game_rv_x,game_rv_y,game_rv_z,game_rv_w,"
+    "geomag_rv_x,geomag_rv_y,geomag_rv_z,gravity_x,gravity_y,gravity_z,"
+    "linear_x,linear_y,linear_z,vgyro_x,vgyro_y,vgyro_z,fusion_t_ns";
+
+bool WriteStepCsv(const std::string &path, const std::vector<StepRow> &rows, std::string *error) {
+  std::string tmp = path + ".partial.XXXXXX";
+  int fd = mkstemp(&tmp[0]);
+  if (fd < 0) {
+    *error = "cannot create " + tmp + ": " + std::strerror(errno);
+    return false;
+  }
+  fchmod(fd, 0644);  // mkstemp makes it private; the result is an ordinary file
+  FILE *f = fdopen(fd, "w");
+  if (f == nullptr) {
+    close(fd);
+    unlink(tmp.c_str());
+    *error = "cannot write " + tmp;
+    return false;
+  }
+  // Values per fusion output in the column order of the header.
+  static const int kValues[kFusionOutputCount] = {3, 4, 4, 3, 3, 3, 3};
+  std::fprintf(f, "%s\n", kStepCsvHeader);
+  for (const StepRow &r : rows) {
+    // %.9g round-trips every float32 exactly.
+    std::fprintf(f, "%" PRId64 ",%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%d", r.t_ns,
+                 double{r.raw[0]}, double{r.raw[1]}, double{r.raw[2]}, double{r.cal.x},
+                 double{r.cal.y}, double{r.cal.z}, double{r.cal.bias_x}, double{r.cal.bias_y},
+                 double{r.cal.bias_z}, r.cal.accuracy);
+    for (int k = 0; k < kFusionOutputCount; ++k) {
+      for (int v = 0; v < kValues[k]; ++v) std::fprintf(f, ",%.9g", double{r.fusion[k].values[v]});
+    }
+    std::fprintf(f, ",%" PRId64 "\n", r.fusion[kOrientation].timestamp);
+  }
+  bool ok = std::ferror(f) == 0;
+  ok = (std::fclose(f) == 0) && ok;
+  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
+    *error = "cannot write " + path + ": " + std::strerror(errno);
+    unlink(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace qvn_tools

@@ -1,0 +1,75 @@
+// Driving the library with recorded events in the sensor service's order, and
+// the per-step record of everything it returned.
+#ifndef QVNLIB_TOOLS_REPLAY_REPLAY_LOOP_H
+#define QVNLIB_TOOLS_REPLAY_REPLAY_LOOP_H
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/event_csv.h"
+#include "qvnlib/qvnlib.h"
+#include "replay/library.h"
+
+namespace qvn_tools {
+
+// The seven fusion getters, polled after every calibration step.
+enum FusionOutput {
+  kOrientation,
+  kRotationVector,
+  kGameRotationVector,
+  kGeoMagnetic,
+  kGravity,
+  kLinearAccel,
+  kVirtualGyro,
+  kFusionOutputCount
+};
+
+// One calibration step: the magnetometer sample as handed over, the
+// CaliResult, and the fusion outputs polled right after it.
+struct StepRow {
+  int64_t t_ns;
+  float raw[3];
+  CaliResult cal;
+  FusionEvent fusion[kFusionOutputCount];
+};
+
+struct ReplayConfig {
+  // Drop gyroscope events until the first magnetometer event.
+  bool skip_early_gyro = false;
+  // Called for each "cur" event before the following samples; returns false
+  // with a message to stop the replay.
+  std::function<bool(int64_t current, std::string *error)> on_current;
+  // Draw a progress bar on stderr.
+  bool progress = false;
+};
+
+struct ReplayCounts {
+  size_t per_sensor[4] = {0, 0, 0, 0};  // indexed by Sensor
+  size_t skipped_gyro = 0;
+};
+
+// Prints warnings about inputs that the library handles as designed but that
+// surprise integrators: events out of time order (replayed as they stand) and,
+// with a hardware gyroscope, gyroscope events before the first magnetometer one.
+void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
+                    bool skip_early_gyro, FILE *out);
+
+// Replays events in file order: acc -> SetAccelData; gyr -> SetGyroData;
+// mag -> SetMagData, DoCaliAPI, then every getter. Initialisation is the
+// caller's. Returns false (with *error) only if on_current fails.
+bool RunReplay(const Library &lib, const std::vector<Event> &events, const ReplayConfig &config,
+               std::vector<StepRow> *rows, ReplayCounts *counts, std::string *error);
+
+// Header of the step CSV (shared with the plotting script).
+extern const char kStepCsvHeader[];
+
+// Writes the rows to path through a temporary file in the same folder that is
+// renamed into place only when complete; nothing is left behind on failure.
+bool WriteStepCsv(const std::string &path, const std::vector<StepRow> &rows, std::string *error);
+
+}  // namespace qvn_tools
+
+#endif  // QVNLIB_TOOLS_REPLAY_REPLAY_LOOP_H
