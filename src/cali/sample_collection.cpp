@@ -1,1 +1,128 @@
-// (not yet written)
+// The calibration sample batch: which samples are kept, how much the
+// gyroscope turned over the batch, and how the batch is thinned afterwards.
+//
+// Samples live in planar buffers, one plane of 300 floats per axis. A new
+// magnetometer sample is kept only if a low-passed reference
+//   pre <- (sample - pre) * 0.8 + pre
+// lies at least dsc_mag_distance (uT) from every stored sample, so the batch
+// spreads over the sphere instead of piling up where the device rests.
+// The counts and sizes that index the planes can be written by a host, so
+// every use clamps them to the buffer capacity (negative counts as 0).
+#include <math.h>
+#include <string.h>
+
+#include "cali/cali.h"
+#include "math/convert.h"
+#include "math/math.h"
+
+namespace {
+
+constexpr int16_t kCapacity = QVN_BATCH_CAPACITY;
+constexpr double kReferenceGain = 0.8;  // weight of the new sample in the reference
+constexpr double kQuietRate = 0.02;     // rad/s, at or below: the device is at rest
+constexpr float kHalf = 0.5f;
+
+int16_t ClampCount(int16_t n) { return n < 0 ? 0 : (n > kCapacity ? kCapacity : n); }
+
+void MovePlane(float *plane, int16_t from, int16_t count) {
+  memmove(plane, plane + from, static_cast<size_t>(count) * sizeof(float));
+}
+
+int16_t CountTurning(const float *plane, int16_t n) {
+  int16_t c = 0;
+  for (int16_t i = 0; i < n; ++i) {
+    const float a = fabsf(plane[i]);
+    if (a > gyr_filter_min && a < gyr_filter_max) ++c;
+  }
+  return c;
+}
+
+bool SpreadInBounds(float s) {
+  return s > fss_mag_effective_stdev_min && s < fss_mag_effective_stdev_max;
+}
+
+}  // namespace
+
+int16_t mag_is_effective(const float sample[3]) {
+  // The first sample of a batch becomes the reference as it is.
+  if (dsc_data_num == 0) {
+    dsc_pre_mag.x = sample[0];
+    dsc_pre_mag.y = sample[1];
+    dsc_pre_mag.z = sample[2];
+    return 1;
+  }
+  // The reference moves for every tested sample, kept or not. The difference
+  // is a float; the blend is done in double and narrowed once.
+  float *pre[3] = {&dsc_pre_mag.x, &dsc_pre_mag.y, &dsc_pre_mag.z};
+  for (int a = 0; a < 3; ++a) {
+    const float diff = sample[a] - *pre[a];
+    *pre[a] = static_cast<float>(static_cast<double>(diff) * kReferenceGain +
+                                 static_cast<double>(*pre[a]));
+  }
+  const int16_t n = ClampCount(dsc_data_num);
+  for (int16_t i = 0; i < n; ++i) {
+    const float dx = dsc_data_mag[0][i] - dsc_pre_mag.x;
+    const float dy = dsc_data_mag[1][i] - dsc_pre_mag.y;
+    const float dz = dsc_data_mag[2][i] - dsc_pre_mag.z;
+    if (qvn_sqrt(dx * dx + dy * dy + dz * dz) < dsc_mag_distance) return 0;
+  }
+  return 1;
+}
+
+int16_t gyro_is_effective(void) {
+  const int16_t n = ClampCount(dsc_data_size);
+  const int16_t cx = CountTurning(ctn_data_gyr[0], n);
+  const int16_t cy = CountTurning(ctn_data_gyr[1], n);
+  const int16_t cz = CountTurning(ctn_data_gyr[2], n);
+
+  const float t = fss_gyr_effective_ratio * static_cast<float>(n);
+  const int32_t full = qvn::TruncToI32(t);
+  const int32_t half = qvn::TruncToI32(t * kHalf);
+  int16_t grade = 0;
+  if (cx >= full && cy >= full && cz >= full) {
+    grade = 2;
+  } else if (cx >= half && cy >= half && cz >= half) {
+    grade = 1;
+  }
+
+  const float sx = sensor_data_stdev(dsc_data_mag[0], n);
+  const float sy = sensor_data_stdev(dsc_data_mag[1], n);
+  const float sz = sensor_data_stdev(dsc_data_mag[2], n);
+  if (grade != 0 && SpreadInBounds(sx) && SpreadInBounds(sy) && SpreadInBounds(sz)) ++grade;
+  // Level 2 has never been reported: partial rotation and full rotation with
+  // a poor spread both read as 1, so callers only ever see 0, 1 or 3.
+  return grade == 2 ? 1 : grade;
+}
+
+void dsc_data_discard(void) {
+  const int16_t n = ClampCount(dsc_data_size);
+  // Sample 2k+1 moves to index k: half of the old batch seeds the next one.
+  for (int a = 0; a < 3; ++a) {
+    float *plane = dsc_data_mag[a];
+    for (int16_t k = 0; 2 * k + 1 < n; ++k) plane[k] = plane[2 * k + 1];
+  }
+  dsc_data_num = static_cast<int16_t>(n / 2);
+}
+
+void ctn_data_discard(int16_t start) {
+  const int16_t n = ClampCount(dsc_data_size);
+  if (n <= start) {
+    dsc_data_num = 0;
+    return;
+  }
+  // Skip the samples taken at rest after the dropped ones, so the batch never
+  // starts with a quiet sample. Any axis above the limit stops the scan.
+  int16_t k = start < 0 ? 0 : start;
+  while (k < n && static_cast<double>(fabsf(ctn_data_gyr[0][k])) <= kQuietRate &&
+         static_cast<double>(fabsf(ctn_data_gyr[1][k])) <= kQuietRate &&
+         static_cast<double>(fabsf(ctn_data_gyr[2][k])) <= kQuietRate) {
+    ++k;
+  }
+  const int16_t m = static_cast<int16_t>(n - k);
+  for (int a = 0; a < 3; ++a) {
+    MovePlane(dsc_data_mag[a], k, m);
+    MovePlane(ctn_data_gyr[a], k, m);
+  }
+  MovePlane(ctn_data_gdt, k, m);
+  dsc_data_num = m;
+}
