@@ -167,12 +167,15 @@ Replay ReplayRecording(int8_t hw_gyro, const char *hwname, const char *sysfs_roo
     const SensorEvent ea = {t, acc[0], acc[1], acc[2], 3};
     const SensorEvent eg = {t, w[0] + kGyroBias[0], w[1] + kGyroBias[1], w[2] + kGyroBias[2], 3};
     const SensorEvent em = {t, mag[0], mag[1], mag[2], 3};
+    // The gyroscope sample comes last: a fusion step that runs before the
+    // first magnetometer sample has set the rate divides the start-up ramp
+    // by a zero length and leaves the attitude NaN for good (hwGyro 1).
     api.QVN_CaliApiSetAccelData(&ea);
-    api.QVN_CaliApiSetGyroData(&eg);
     api.QVN_CaliApiSetMagData(&em);
     CaliResult out;
     memset(&out, 0xA5, sizeof out);
     api.QVN_DoCaliAPI(&em, &out);
+    api.QVN_CaliApiSetGyroData(&eg);
     h.U64(static_cast<uint64_t>(out.timestamp));
     for (float v : {out.x, out.y, out.z, out.bias_x, out.bias_y, out.bias_z}) {
       h.F32(v);
