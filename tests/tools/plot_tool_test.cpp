@@ -33,9 +33,11 @@ TEST(PlotTool, WritesThreeFiguresOfTheDocumentedSize) {
   fs::path dir = templ;
   const std::string sim = (dir / "sim").string(), steps = (dir / "steps.csv").string();
   ASSERT_EQ(Exec(std::string("'") + QVN_SIMULATE_TOOL + "' --out-dir " + sim +
-                 " --motion still:1,figure8:8 >/dev/null"), 0);
+                 " --motion still:1,figure8:8 >/dev/null"),
+            0);
   ASSERT_EQ(Exec(std::string("'") + QVN_REPLAY_TOOL + "' --no-summary --out " + steps + " " + sim +
-                 "/events.csv"), 0);
+                 "/events.csv"),
+            0);
   int code = Exec(std::string("'") + QVN_PLOT_TOOL + "' --out-dir " + (dir / "png").string() +
                   " --events " + sim + "/events.csv " + steps + " >/dev/null");
   if (code == kPlotUnavailable) {

@@ -22,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kColumns = 35;          // columns of the step CSV
+constexpr int kColumns = 35;                // columns of the step CSV
 constexpr float kOffsetToleranceUt = 0.5f;  // as the calibration tests use
 
 struct ToolRun {
@@ -55,10 +55,13 @@ class ToolTest : public ::testing::Test {
 
   // Runs a tool with the given arguments (no shell quoting needed for the
   // paths and values the tests use), capturing its exit code and output.
-  ToolRun Exec(const std::string &tool, const std::string &args, const std::string &env = "") const {
-    std::string cmd = env + " '" + tool + "' " + args + " >'" + Path("stdout") + "' 2>'" + Path("stderr") + "'";
+  ToolRun Exec(const std::string &tool, const std::string &args,
+               const std::string &env = "") const {
+    std::string cmd =
+        env + " '" + tool + "' " + args + " >'" + Path("stdout") + "' 2>'" + Path("stderr") + "'";
     int status = std::system(cmd.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(Path("stdout")), Slurp(Path("stderr"))};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(Path("stdout")),
+            Slurp(Path("stderr"))};
   }
 
   // Rows of a CSV as fields, header dropped.
@@ -106,7 +109,8 @@ class BadInputTest : public ToolTest, public ::testing::WithParamInterface<BadIn
 TEST_P(BadInputTest, IsRefusedWithItsMessageAndLeavesNoOutput) {
   const BadInput &b = GetParam();
   std::string events = Write("events.csv", b.csv != nullptr ? b.csv : SmallRecording(5));
-  ToolRun r = Exec(QVN_REPLAY_TOOL, std::string(b.args) + " --out " + Path("steps.csv") + " " + events);
+  ToolRun r =
+      Exec(QVN_REPLAY_TOOL, std::string(b.args) + " --out " + Path("steps.csv") + " " + events);
   EXPECT_EQ(r.code, 2) << r.err;
   EXPECT_NE(r.err.find(b.message), std::string::npos) << r.err;
   // Nothing half-written: neither the output nor its temporary.
@@ -120,29 +124,39 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BadInput{"short row", "t_ns,sensor,x,y,z\n1,acc,0,0,9.8\n2,mag,1,2\n", "",
                  "events.csv:3: expected 5 fields"},
-        BadInput{"unknown sensor", "1,acc,0,0,9.8\n2,baro,1,2,3\n", "", "events.csv:2: unknown sensor 'baro'"},
+        BadInput{"unknown sensor", "1,acc,0,0,9.8\n2,baro,1,2,3\n", "",
+                 "events.csv:2: unknown sensor 'baro'"},
         BadInput{"value not a number", "1,mag,1,2,3\n2,mag,1,two,3\n", "",
                  "events.csv:2: column y 'two' is not a number"},
-        BadInput{"time not an integer", "1,mag,1,2,3\n2.5,mag,1,2,3\n", "", "events.csv:2: t_ns '2.5'"},
-        BadInput{"unknown tunable", nullptr, "--set g_no_such_thing=1", "unknown tunable 'g_no_such_thing'"},
+        BadInput{"time not an integer", "1,mag,1,2,3\n2.5,mag,1,2,3\n", "",
+                 "events.csv:2: t_ns '2.5'"},
+        BadInput{"unknown tunable", nullptr, "--set g_no_such_thing=1",
+                 "unknown tunable 'g_no_such_thing'"},
         BadInput{"tunable value out of its type", nullptr, "--set g_slect_swgyro_mode=256",
                  "'g_slect_swgyro_mode' (uint8): '256' is out of range"},
-        BadInput{"tunable index past the end", nullptr, "--set hdi_array[3]=1", "bad index in 'hdi_array[3]'"},
-        BadInput{"integer tunable given a fraction", nullptr, "--set g_mag_id=1.5", "'1.5' is not an integer"},
+        BadInput{"tunable index past the end", nullptr, "--set hdi_array[3]=1",
+                 "bad index in 'hdi_array[3]'"},
+        BadInput{"integer tunable given a fraction", nullptr, "--set g_mag_id=1.5",
+                 "'1.5' is not an integer"},
         BadInput{"hardware gyroscope flag", nullptr, "--hw-gyro 2", "--hw-gyro takes 0 or 1"},
         BadInput{"unknown log level", nullptr, "--log-level loud", "unknown --log-level 'loud'"},
-        BadInput{"cur events with a foreign folder", "1,cur,200000,0,0\n2,mag,1,2,3\n", "--sysfs-root /nonexistent",
-                 "events.csv:1: cur events"}));
+        BadInput{"unknown option", nullptr, "--hw-gyroscope 1", "unknown option --hw-gyroscope"},
+        BadInput{"cur events with a foreign folder", "1,cur,200000,0,0\n2,mag,1,2,3\n",
+                 "--sysfs-root /nonexistent", "events.csv:1: cur events"}));
 
 TEST_F(ToolTest, WritesOneRowPerCalibrationStepWithEveryOutput) {
   const int kSteps = 40;
   std::string events = Write("events.csv", SmallRecording(kSteps));
   ToolRun r = Exec(QVN_REPLAY_TOOL, "--out " + Path("steps.csv") + " " + events);
   ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_NE(r.out.find("events replayed     120 (acc 40, gyr 40, mag 40, cur 0)"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("events replayed     120 (acc 40, gyr 40, mag 40, cur 0)"),
+            std::string::npos)
+      << r.out;
   std::string header;
   auto rows = Rows(Path("steps.csv"), &header);
-  EXPECT_EQ(header.rfind("t_ns,raw_x,raw_y,raw_z,cal_x,cal_y,cal_z,offset_x,offset_y,offset_z,accuracy,", 0), 0u);
+  EXPECT_EQ(header.rfind(
+                "t_ns,raw_x,raw_y,raw_z,cal_x,cal_y,cal_z,offset_x,offset_y,offset_z,accuracy,", 0),
+            0u);
   ASSERT_EQ(rows.size(), static_cast<size_t>(kSteps));
   for (int i = 0; i < kSteps; ++i) {
     ASSERT_EQ(rows[i].size(), static_cast<size_t>(kColumns)) << "row " << i;
@@ -158,13 +172,17 @@ TEST_F(ToolTest, ReportsBackwardTimeAndTheEarlyGyroscopeTrap) {
   std::string events = Write("events.csv", "3000,acc,0,0,9.8\n2000,gyr,0.1,0,0\n4000,mag,1,2,3\n");
   ToolRun r = Exec(QVN_REPLAY_TOOL, "--hw-gyro 1 --out " + Path("steps.csv") + " " + events);
   EXPECT_EQ(r.code, 0) << r.err;
-  EXPECT_NE(r.err.find("events.csv:2: warning: time 2000 ns is earlier than line 1"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("events.csv:2: warning: time 2000 ns is earlier than line 1"),
+            std::string::npos)
+      << r.err;
   EXPECT_NE(r.err.find("events.csv:2: warning: with --hw-gyro 1"), std::string::npos) << r.err;
-  EXPECT_NE(r.out.find("fusion outputs"), std::string::npos) << r.out;  // the NaN shows in the summary
+  EXPECT_NE(r.out.find("fusion outputs"), std::string::npos)
+      << r.out;  // the NaN shows in the summary
   // Replayed in file order, not re-sorted.
   ToolRun skipped = Exec(QVN_REPLAY_TOOL, "--hw-gyro 1 --skip-early-gyro " + events);
   EXPECT_EQ(skipped.err.find("--hw-gyro 1 this gyroscope"), std::string::npos) << skipped.err;
-  EXPECT_NE(skipped.out.find("skipped             1 gyroscope events"), std::string::npos) << skipped.out;
+  EXPECT_NE(skipped.out.find("skipped             1 gyroscope events"), std::string::npos)
+      << skipped.out;
 }
 
 TEST_F(ToolTest, SetWritesTheLibraryVariableWithItsOwnType) {
@@ -172,7 +190,7 @@ TEST_F(ToolTest, SetWritesTheLibraryVariableWithItsOwnType) {
   // A float element and a uint8 switch: the offset in force, and no soft
   // gyroscope, which leaves the rotation vector at its initial (0, 0, 0, 1).
   ToolRun r = Exec(QVN_REPLAY_TOOL, "--set hdi_array[0]=10.5 --set g_slect_swgyro_mode=0 --out " +
-                                    Path("steps.csv") + " " + events);
+                                        Path("steps.csv") + " " + events);
   ASSERT_EQ(r.code, 0) << r.err;
   std::string header;
   auto rows = Rows(Path("steps.csv"), &header);
@@ -185,13 +203,15 @@ TEST_F(ToolTest, SetWritesTheLibraryVariableWithItsOwnType) {
 
 TEST_F(ToolTest, ChargingIsCompensatedAndThisMachinesBatteryIgnored) {
   std::string sim = Path("sim");
-  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + sim +
-                                         " --motion still:6 --noise-mag 0 --charging 2,2,1500000").code, 0);
+  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL,
+                 "--out-dir " + sim + " --motion still:6 --noise-mag 0 --charging 2,2,1500000")
+                .code,
+            0);
   // A battery folder that must not leak in: a large current.
   fs::create_directories(dir_ / "battery/sys/class/power_supply/battery");
   std::ofstream(dir_ / "battery/sys/class/power_supply/battery/current_now") << "9000000\n";
   ToolRun r = Exec(QVN_REPLAY_TOOL, "--out " + Path("steps.csv") + " " + sim + "/events.csv",
-               "QVN_SYSFS_ROOT=" + Path("battery"));
+                   "QVN_SYSFS_ROOT=" + Path("battery"));
   ASSERT_EQ(r.code, 0) << r.err;
   std::string header;
   auto rows = Rows(Path("steps.csv"), &header);
@@ -212,7 +232,8 @@ TEST_F(ToolTest, RecoversTheOffsetOfASimulatedFigureEight) {
   ASSERT_EQ(s.code, 0) << s.err;
   ToolRun r = Exec(QVN_REPLAY_TOOL, "--out " + Path("steps.csv") + " " + sim + "/events.csv");
   ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_NE(r.out.find("library frame"), std::string::npos) << "truth.txt beside the events is read";
+  EXPECT_NE(r.out.find("library frame"), std::string::npos)
+      << "truth.txt beside the events is read";
   std::string header;
   auto rows = Rows(Path("steps.csv"), &header);
   ASSERT_FALSE(rows.empty());
@@ -228,9 +249,18 @@ TEST_F(ToolTest, RecoversTheOffsetOfASimulatedFigureEight) {
 }
 
 TEST_F(ToolTest, SimulationIsDeterministicPerSeed) {
-  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("a") + " --motion still:1,figure8:3 --seed 3").code, 0);
-  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("b") + " --motion still:1,figure8:3 --seed 3").code, 0);
-  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("c") + " --motion still:1,figure8:3 --seed 4").code, 0);
+  ASSERT_EQ(
+      Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("a") + " --motion still:1,figure8:3 --seed 3")
+          .code,
+      0);
+  ASSERT_EQ(
+      Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("b") + " --motion still:1,figure8:3 --seed 3")
+          .code,
+      0);
+  ASSERT_EQ(
+      Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("c") + " --motion still:1,figure8:3 --seed 4")
+          .code,
+      0);
   EXPECT_EQ(Slurp(Path("a/events.csv")), Slurp(Path("b/events.csv")));
   EXPECT_NE(Slurp(Path("a/events.csv")), Slurp(Path("c/events.csv")));
   ToolRun bad = Exec(QVN_SIMULATE_TOOL, "--out-dir " + Path("d") + " --motion spin:3");

@@ -12,10 +12,14 @@ const char kEventCsvHeader[] = "t_ns,sensor,x,y,z";
 
 const char *SensorName(Sensor s) {
   switch (s) {
-    case Sensor::kAcc: return "acc";
-    case Sensor::kGyr: return "gyr";
-    case Sensor::kMag: return "mag";
-    case Sensor::kCur: return "cur";
+    case Sensor::kAcc:
+      return "acc";
+    case Sensor::kGyr:
+      return "gyr";
+    case Sensor::kMag:
+      return "mag";
+    case Sensor::kCur:
+      return "cur";
   }
   return "?";
 }
@@ -25,7 +29,8 @@ std::vector<std::string> SplitCsvLine(const std::string &line) {
   size_t start = 0;
   while (true) {
     size_t comma = line.find(',', start);
-    std::string f = line.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    std::string f =
+        line.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
     size_t a = f.find_first_not_of(" \t\r");
     size_t b = f.find_last_not_of(" \t\r");
     fields.push_back(a == std::string::npos ? std::string() : f.substr(a, b - a + 1));
@@ -67,7 +72,9 @@ bool ParseSensor(const std::string &s, Sensor *out) {
   return false;
 }
 
-std::string Where(const std::string &path, int line) { return path + ":" + std::to_string(line) + ": "; }
+std::string Where(const std::string &path, int line) {
+  return path + ":" + std::to_string(line) + ": ";
+}
 
 }  // namespace
 
@@ -108,8 +115,8 @@ bool ReadEventCsv(const std::string &path, std::vector<Event> *events, std::stri
     double *values[] = {&e.x, &e.y, &e.z};
     for (int k = 0; k < 3; ++k) {
       if (!ParseDouble(f[2 + k], values[k])) {
-        *error = Where(path, line) + "column " + kColumns[2 + k] + " '" + f[2 + k] +
-                 "' is not a number";
+        *error =
+            Where(path, line) + "column " + kColumns[2 + k] + " '" + f[2 + k] + "' is not a number";
         events->clear();
         return false;
       }

@@ -27,8 +27,9 @@ inline double Dot(V3 a, V3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
 inline double Norm(V3 a) { return std::sqrt(Dot(a, a)); }
 
 inline Quat Mul(Quat a, Quat b) {
-  return {a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z, a.w * b.x + a.x * b.w + a.y * b.z - a.z * b.y,
-          a.w * b.y - a.x * b.z + a.y * b.w + a.z * b.x, a.w * b.z + a.x * b.y - a.y * b.x + a.z * b.w};
+  return {
+      a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z, a.w * b.x + a.x * b.w + a.y * b.z - a.z * b.y,
+      a.w * b.y - a.x * b.z + a.y * b.w + a.z * b.x, a.w * b.z + a.x * b.y - a.y * b.x + a.z * b.w};
 }
 inline Quat Conj(Quat q) { return {q.w, -q.x, -q.y, -q.z}; }
 inline Quat Normalized(Quat q) {
@@ -52,8 +53,8 @@ inline V3 RotateInverse(Quat q, V3 v) { return Rotate(Conj(q), v); }
 // Normalised linear interpolation on the shorter arc, s in [0, 1].
 inline Quat Nlerp(Quat a, Quat b, double s) {
   if (a.w * b.w + a.x * b.x + a.y * b.y + a.z * b.z < 0) b = {-b.w, -b.x, -b.y, -b.z};
-  return Normalized({a.w + s * (b.w - a.w), a.x + s * (b.x - a.x), a.y + s * (b.y - a.y),
-                     a.z + s * (b.z - a.z)});
+  return Normalized(
+      {a.w + s * (b.w - a.w), a.x + s * (b.x - a.x), a.y + s * (b.y - a.y), a.z + s * (b.z - a.z)});
 }
 
 // Azimuth as a phone reports it: the angle from north to the phone's y axis
@@ -78,7 +79,8 @@ inline V3 MatVec(const double m[9], V3 v) {
           m[6] * v.x + m[7] * v.y + m[8] * v.z};
 }
 inline bool Invert3(const double m[9], double out[9]) {
-  double c0 = m[4] * m[8] - m[5] * m[7], c1 = m[5] * m[6] - m[3] * m[8], c2 = m[3] * m[7] - m[4] * m[6];
+  double c0 = m[4] * m[8] - m[5] * m[7], c1 = m[5] * m[6] - m[3] * m[8],
+         c2 = m[3] * m[7] - m[4] * m[6];
   double det = m[0] * c0 + m[1] * c1 + m[2] * c2;
   if (det == 0.0 || !std::isfinite(det)) return false;
   double r = 1.0 / det;

@@ -17,46 +17,35 @@
 namespace qvn_tools {
 namespace {
 
+template <typename>
+inline constexpr bool kUnsupported = false;
+
 // Maps a declared element type to its tag. An exported variable of any other
-// type has no specialisation and stops the build here.
+// type stops the build here.
 template <typename T>
-struct ScalarOf;
-template <>
-struct ScalarOf<float> {
-  static constexpr ScalarType kType = ScalarType::kF32;
-};
-template <>
-struct ScalarOf<int8_t> {
-  static constexpr ScalarType kType = ScalarType::kI8;
-};
-template <>
-struct ScalarOf<uint8_t> {
-  static constexpr ScalarType kType = ScalarType::kU8;
-};
-template <>
-struct ScalarOf<int16_t> {
-  static constexpr ScalarType kType = ScalarType::kI16;
-};
-template <>
-struct ScalarOf<uint16_t> {
-  static constexpr ScalarType kType = ScalarType::kU16;
-};
-template <>
-struct ScalarOf<int32_t> {
-  static constexpr ScalarType kType = ScalarType::kI32;
-};
-template <>
-struct ScalarOf<uint32_t> {
-  static constexpr ScalarType kType = ScalarType::kU32;
-};
-template <>
-struct ScalarOf<int64_t> {
-  static constexpr ScalarType kType = ScalarType::kI64;
-};
-template <>
-struct ScalarOf<uint64_t> {
-  static constexpr ScalarType kType = ScalarType::kU64;
-};
+constexpr ScalarType ScalarOf() {
+  if constexpr (std::is_same_v<T, float>)
+    return ScalarType::kF32;
+  else if constexpr (std::is_same_v<T, int8_t>)
+    return ScalarType::kI8;
+  else if constexpr (std::is_same_v<T, uint8_t>)
+    return ScalarType::kU8;
+  else if constexpr (std::is_same_v<T, int16_t>)
+    return ScalarType::kI16;
+  else if constexpr (std::is_same_v<T, uint16_t>)
+    return ScalarType::kU16;
+  else if constexpr (std::is_same_v<T, int32_t>)
+    return ScalarType::kI32;
+  else if constexpr (std::is_same_v<T, uint32_t>)
+    return ScalarType::kU32;
+  else if constexpr (std::is_same_v<T, int64_t>)
+    return ScalarType::kI64;
+  else if constexpr (std::is_same_v<T, uint64_t>)
+    return ScalarType::kU64;
+  else
+    static_assert(kUnsupported<T>,
+                  "an exported variable has an element type the tools do not know");
+}
 
 template <typename T>
 TunableInfo MakeInfo(const char *name) {
@@ -68,7 +57,7 @@ TunableInfo MakeInfo(const char *name) {
     return {name, ScalarType::kF32, sizeof(float), kBases, 3, true};
   } else {
     constexpr size_t kRows = std::rank_v<T> == 2 ? std::extent_v<T, 0> : 1;
-    return {name, ScalarOf<Base>::kType, sizeof(Base), kRows, kBases / kRows, false};
+    return {name, ScalarOf<Base>(), sizeof(Base), kRows, kBases / kRows, false};
   }
 }
 
@@ -99,8 +88,8 @@ bool ParseInteger(const std::string &text, uint64_t *bits, std::string *error) {
   T v{};
   if constexpr (std::is_signed_v<T>) {
     long long x = std::strtoll(s, &end, 0);
-    in_range = errno != ERANGE && x >= std::numeric_limits<T>::min() &&
-               x <= std::numeric_limits<T>::max();
+    in_range =
+        errno != ERANGE && x >= std::numeric_limits<T>::min() && x <= std::numeric_limits<T>::max();
     v = static_cast<T>(x);
   } else {
     // strtoull would quietly wrap "-1" to the largest value.
@@ -135,18 +124,10 @@ const TunableInfo *FindTunable(const std::string &name) {
 }
 
 const char *TypeName(ScalarType t) {
-  switch (t) {
-    case ScalarType::kF32: return "float32";
-    case ScalarType::kI8: return "int8";
-    case ScalarType::kU8: return "uint8";
-    case ScalarType::kI16: return "int16";
-    case ScalarType::kU16: return "uint16";
-    case ScalarType::kI32: return "int32";
-    case ScalarType::kU32: return "uint32";
-    case ScalarType::kI64: return "int64";
-    case ScalarType::kU64: return "uint64";
-  }
-  return "?";
+  // In the order of ScalarType.
+  static const char *const kNames[] = {"float32", "int8",   "uint8", "int16", "uint16",
+                                       "int32",   "uint32", "int64", "uint64"};
+  return kNames[static_cast<int>(t)];
 }
 
 bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::string *error) {
@@ -168,14 +149,22 @@ bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::str
       std::memcpy(bits, &f, sizeof f);
       return true;
     }
-    case ScalarType::kI8: return ParseInteger<int8_t>(text, bits, error);
-    case ScalarType::kU8: return ParseInteger<uint8_t>(text, bits, error);
-    case ScalarType::kI16: return ParseInteger<int16_t>(text, bits, error);
-    case ScalarType::kU16: return ParseInteger<uint16_t>(text, bits, error);
-    case ScalarType::kI32: return ParseInteger<int32_t>(text, bits, error);
-    case ScalarType::kU32: return ParseInteger<uint32_t>(text, bits, error);
-    case ScalarType::kI64: return ParseInteger<int64_t>(text, bits, error);
-    case ScalarType::kU64: return ParseInteger<uint64_t>(text, bits, error);
+    case ScalarType::kI8:
+      return ParseInteger<int8_t>(text, bits, error);
+    case ScalarType::kU8:
+      return ParseInteger<uint8_t>(text, bits, error);
+    case ScalarType::kI16:
+      return ParseInteger<int16_t>(text, bits, error);
+    case ScalarType::kU16:
+      return ParseInteger<uint16_t>(text, bits, error);
+    case ScalarType::kI32:
+      return ParseInteger<int32_t>(text, bits, error);
+    case ScalarType::kU32:
+      return ParseInteger<uint32_t>(text, bits, error);
+    case ScalarType::kI64:
+      return ParseInteger<int64_t>(text, bits, error);
+    case ScalarType::kU64:
+      return ParseInteger<uint64_t>(text, bits, error);
   }
   *error = "unsupported type";
   return false;
@@ -189,7 +178,8 @@ bool ParseAssignment(const std::string &text, Assignment *out, std::string *erro
   }
   std::string lhs = text.substr(0, eq);
   size_t pos = 0;
-  while (pos < lhs.size() && (std::isalnum(static_cast<unsigned char>(lhs[pos])) || lhs[pos] == '_'))
+  while (pos < lhs.size() &&
+         (std::isalnum(static_cast<unsigned char>(lhs[pos])) || lhs[pos] == '_'))
     ++pos;
   std::string name = lhs.substr(0, pos);
   const TunableInfo *info = FindTunable(name);
@@ -252,15 +242,33 @@ std::string FormatElement(const TunableInfo &info, const void *base, size_t i) {
     return v;
   };
   switch (info.type) {
-    case ScalarType::kF32: std::snprintf(buf, sizeof buf, "%.9g", static_cast<double>(load(0.0f))); break;
-    case ScalarType::kI8: std::snprintf(buf, sizeof buf, "%d", load(int8_t{0})); break;
-    case ScalarType::kU8: std::snprintf(buf, sizeof buf, "%u", load(uint8_t{0})); break;
-    case ScalarType::kI16: std::snprintf(buf, sizeof buf, "%d", load(int16_t{0})); break;
-    case ScalarType::kU16: std::snprintf(buf, sizeof buf, "%u", load(uint16_t{0})); break;
-    case ScalarType::kI32: std::snprintf(buf, sizeof buf, "%" PRId32, load(int32_t{0})); break;
-    case ScalarType::kU32: std::snprintf(buf, sizeof buf, "%" PRIu32, load(uint32_t{0})); break;
-    case ScalarType::kI64: std::snprintf(buf, sizeof buf, "%" PRId64, load(int64_t{0})); break;
-    case ScalarType::kU64: std::snprintf(buf, sizeof buf, "%" PRIu64, load(uint64_t{0})); break;
+    case ScalarType::kF32:
+      std::snprintf(buf, sizeof buf, "%.9g", static_cast<double>(load(0.0f)));
+      break;
+    case ScalarType::kI8:
+      std::snprintf(buf, sizeof buf, "%d", load(int8_t{0}));
+      break;
+    case ScalarType::kU8:
+      std::snprintf(buf, sizeof buf, "%u", load(uint8_t{0}));
+      break;
+    case ScalarType::kI16:
+      std::snprintf(buf, sizeof buf, "%d", load(int16_t{0}));
+      break;
+    case ScalarType::kU16:
+      std::snprintf(buf, sizeof buf, "%u", load(uint16_t{0}));
+      break;
+    case ScalarType::kI32:
+      std::snprintf(buf, sizeof buf, "%" PRId32, load(int32_t{0}));
+      break;
+    case ScalarType::kU32:
+      std::snprintf(buf, sizeof buf, "%" PRIu32, load(uint32_t{0}));
+      break;
+    case ScalarType::kI64:
+      std::snprintf(buf, sizeof buf, "%" PRId64, load(int64_t{0}));
+      break;
+    case ScalarType::kU64:
+      std::snprintf(buf, sizeof buf, "%" PRIu64, load(uint64_t{0}));
+      break;
   }
   return buf;
 }

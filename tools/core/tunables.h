@@ -35,10 +35,10 @@ const char *TypeName(ScalarType t);
 // One parsed --set NAME[i]=VALUE: which variable, which element, what bytes.
 struct Assignment {
   const TunableInfo *info = nullptr;
-  size_t first = 0;  // element index
-  size_t count = 0;  // 1 for an element, all elements when no index is given
-  uint64_t bits = 0; // value in the element's own representation
-  std::string text;  // as given, for messages
+  size_t first = 0;   // element index
+  size_t count = 0;   // 1 for an element, all elements when no index is given
+  uint64_t bits = 0;  // value in the element's own representation
+  std::string text;   // as given, for messages
 };
 
 // Parses "NAME=VALUE", "NAME[i]=VALUE", "NAME[i][j]=VALUE" or "NAME.x=VALUE".

@@ -70,13 +70,16 @@ bool Library::Load(const std::string &path, std::string *error) {
   }
   // dlsym on the handle also searches the library's dependencies, so the
   // hooks come from the very libqvnhost instance that the library reads.
-  property_set_ =
-      reinterpret_cast<int (*)(const char *, const char *)>(dlsym(handle_, "qvn_host_property_set"));
-  set_sysfs_root_ = reinterpret_cast<void (*)(const char *)>(dlsym(handle_, "qvn_host_set_sysfs_root"));
+  property_set_ = reinterpret_cast<int (*)(const char *, const char *)>(
+      dlsym(handle_, "qvn_host_property_set"));
+  set_sysfs_root_ =
+      reinterpret_cast<void (*)(const char *)>(dlsym(handle_, "qvn_host_set_sysfs_root"));
   return true;
 }
 
-void *Library::Symbol(const char *name) const { return handle_ != nullptr ? dlsym(handle_, name) : nullptr; }
+void *Library::Symbol(const char *name) const {
+  return handle_ != nullptr ? dlsym(handle_, name) : nullptr;
+}
 
 bool Library::SetProperty(const char *key, const char *value) const {
   return property_set_ != nullptr && property_set_(key, value) == 0;

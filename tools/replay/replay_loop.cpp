@@ -63,7 +63,8 @@ void WarnAboutInput(const std::string &path, const std::vector<Event> &events, i
       std::fprintf(out,
                    "%s:%d: warning: time %" PRId64 " ns is earlier than line %d (%" PRId64
                    " ns); events are replayed in file order, not re-sorted\n",
-                   path.c_str(), events[i].line, events[i].t_ns, events[i - 1].line, events[i - 1].t_ns);
+                   path.c_str(), events[i].line, events[i].t_ns, events[i - 1].line,
+                   events[i - 1].t_ns);
     }
   }
   if (backwards > kMaxOrderWarnings) {
@@ -73,13 +74,14 @@ void WarnAboutInput(const std::string &path, const std::vector<Event> &events, i
   for (const Event &e : events) {
     if (e.sensor == Sensor::kMag) break;
     if (e.sensor != Sensor::kGyr) continue;
-    std::fprintf(out,
-                 "%s:%d: warning: with --hw-gyro 1 this gyroscope event runs a fusion step before "
-                 "the first magnetometer event, while the start-up ramp length is still 0: the fusion "
-                 "weights become 0/0 and the quaternion stays NaN for good. A sensor service avoids "
-                 "this by handing the first magnetometer sample (SetMagData + DoCaliAPI) to the "
-                 "library before any gyroscope sample; --skip-early-gyro replays that order.\n",
-                 path.c_str(), e.line);
+    std::fprintf(
+        out,
+        "%s:%d: warning: with --hw-gyro 1 this gyroscope event runs a fusion step before "
+        "the first magnetometer event, while the start-up ramp length is still 0: the fusion "
+        "weights become 0/0 and the quaternion stays NaN for good. A sensor service avoids "
+        "this by handing the first magnetometer sample (SetMagData + DoCaliAPI) to the "
+        "library before any gyroscope sample; --skip-early-gyro replays that order.\n",
+        path.c_str(), e.line);
     break;
   }
 }

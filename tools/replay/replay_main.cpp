@@ -93,6 +93,16 @@ int Fail(int code, const std::string &message) {
   return code;
 }
 
+bool TakesValue(const std::string &option) {
+  static const char *const kOptions[] = {
+      "--lib",        "--hw-gyro",          "--hwname", "--set",         "--log-level", "--out",
+      "--sysfs-root", "--charging-current", "--gt",     "--gt-shift-ms", "--truth"};
+  for (const char *o : kOptions) {
+    if (option == o) return true;
+  }
+  return false;
+}
+
 // Returns -1 when the options are good, else the exit code.
 int ParseOptions(int argc, char **argv, Options *o) {
   for (int i = 1; i < argc; ++i) {
@@ -114,8 +124,10 @@ int ParseOptions(int argc, char **argv, Options *o) {
       o->no_truth = true;
     } else if (a == "--no-summary") {
       o->summary = false;
+    } else if (a.rfind("--", 0) == 0 && !TakesValue(a)) {
+      return Fail(kExitUsage, "unknown option " + a + " (see --help)");
     } else if (a.rfind("--", 0) == 0 && !value(&v)) {
-      return Fail(kExitUsage, a + " needs a value (or is unknown; see --help)");
+      return Fail(kExitUsage, a + " needs a value");
     } else if (a == "--lib") {
       o->lib = v;
     } else if (a == "--hw-gyro") {
@@ -129,38 +141,42 @@ int ParseOptions(int argc, char **argv, Options *o) {
       if (!ParseAssignment(v, &s, &error)) return Fail(kExitUsage, "--set: " + error);
       o->sets.push_back(s);
     } else if (a == "--log-level") {
-      if (!ParseLogLevel(v, &o->log_priority)) return Fail(kExitUsage, "unknown --log-level '" + v + "'");
+      if (!ParseLogLevel(v, &o->log_priority))
+        return Fail(kExitUsage, "unknown --log-level '" + v + "'");
     } else if (a == "--out") {
       o->out = v;
     } else if (a == "--sysfs-root") {
       o->sysfs_root = v;
     } else if (a == "--charging-current") {
-      if (!ParseInt64(v, &o->current)) return Fail(kExitUsage, "--charging-current '" + v + "' is not an integer");
+      if (!ParseInt64(v, &o->current))
+        return Fail(kExitUsage, "--charging-current '" + v + "' is not an integer");
       o->current_set = true;
     } else if (a == "--gt") {
       o->gt = v;
     } else if (a == "--gt-shift-ms") {
-      if (!ParseDouble(v, &o->gt_shift_ms)) return Fail(kExitUsage, "--gt-shift-ms '" + v + "' is not a number");
+      if (!ParseDouble(v, &o->gt_shift_ms))
+        return Fail(kExitUsage, "--gt-shift-ms '" + v + "' is not a number");
     } else if (a == "--truth") {
       o->truth = v;
-    } else if (a.rfind("--", 0) == 0) {
-      return Fail(kExitUsage, "unknown option " + a + " (see --help)");
     } else if (o->events.empty()) {
       o->events = a;
     } else {
-      return Fail(kExitUsage, "more than one events file given: '" + o->events + "' and '" + a + "'");
+      return Fail(kExitUsage,
+                  "more than one events file given: '" + o->events + "' and '" + a + "'");
     }
   }
   if (o->events.empty() && !o->list) return Fail(kExitUsage, "no events file given (see --help)");
   if (!o->sysfs_root.empty() && o->current_set) {
-    return Fail(kExitUsage, "--charging-current writes the private folder; it cannot go with --sysfs-root");
+    return Fail(kExitUsage,
+                "--charging-current writes the private folder; it cannot go with --sysfs-root");
   }
   return -1;
 }
 
 std::string Beside(const std::string &events, const char *name) {
   size_t slash = events.rfind('/');
-  std::string path = (slash == std::string::npos ? std::string() : events.substr(0, slash + 1)) + name;
+  std::string path =
+      (slash == std::string::npos ? std::string() : events.substr(0, slash + 1)) + name;
   return access(path.c_str(), R_OK) == 0 ? path : std::string();
 }
 
@@ -172,8 +188,10 @@ void ListTunables(const Library &lib) {
   for (const TunableInfo &t : AllTunables()) {
     const void *p = lib.Symbol(t.name);
     std::printf("%-40s %-8s", t.name, TypeName(t.type));
-    if (t.rows > 1 && !t.is_vec3) std::printf("[%zu][%zu]", t.rows, t.cols);
-    else if (t.count() > 1) std::printf("[%zu]", t.count());
+    if (t.rows > 1 && !t.is_vec3)
+      std::printf("[%zu][%zu]", t.rows, t.cols);
+    else if (t.count() > 1)
+      std::printf("[%zu]", t.count());
     if (p != nullptr && t.count() <= 9) {
       for (size_t i = 0; i < t.count(); ++i) std::printf(" %s", FormatElement(t, p, i).c_str());
     }
@@ -211,7 +229,8 @@ int main(int argc, char **argv) {
   // Logging is routed before the library can write its first line.
   RouteLibraryLog(o.log_priority);
   Library lib;
-  if (!lib.Load(o.lib.empty() ? DefaultLibraryPath() : o.lib, &error)) return Fail(kExitRuntime, error);
+  if (!lib.Load(o.lib.empty() ? DefaultLibraryPath() : o.lib, &error))
+    return Fail(kExitRuntime, error);
 
   SysfsFolder folder;
   if (o.sysfs_root.empty() && !folder.Create(o.current, &error)) return Fail(kExitRuntime, error);

@@ -89,7 +89,8 @@ void PrintOffsetTruth(const SummaryInput &in, FILE *out, const float hdi[3]) {
 
 }  // namespace
 
-HeadingStats ScoreHeading(const std::vector<StepRow> &rows, size_t first, const OrientationTruth &gt) {
+HeadingStats ScoreHeading(const std::vector<StepRow> &rows, size_t first,
+                          const OrientationTruth &gt) {
   HeadingStats h;
   std::vector<double> err;
   for (size_t i = first; i < rows.size(); ++i) {
@@ -131,12 +132,14 @@ void PrintSummary(const SummaryInput &in, FILE *out) {
   const size_t *n = in.counts.per_sensor;
   std::fprintf(out, "== replay summary ==\n");
   std::fprintf(out, "%-20s%s\n", "input", in.events_path.c_str());
-  std::fprintf(out, "%-20s%zu (acc %zu, gyr %zu, mag %zu, cur %zu) over %.1f s\n", "events replayed",
-               ev.size(), n[0], n[1], n[2], n[3], ev.empty() ? 0.0 : Seconds(ev.back().t_ns, t0));
+  std::fprintf(out, "%-20s%zu (acc %zu, gyr %zu, mag %zu, cur %zu) over %.1f s\n",
+               "events replayed", ev.size(), n[0], n[1], n[2], n[3],
+               ev.empty() ? 0.0 : Seconds(ev.back().t_ns, t0));
   if (in.counts.skipped_gyro > 0) {
     std::fprintf(out, "%-20s%zu gyroscope events before the first magnetometer event\n", "skipped",
                  in.counts.skipped_gyro);
   }
+  std::fprintf(out, "%-20s%s\n", "library", in.lib->path().c_str());
   std::fprintf(out, "%-20shwGyro %d, ro.boot.hwname %s\n", "host", in.hw_gyro,
                in.hwname.empty() ? "(unset)" : in.hwname.c_str());
   if (rows.empty()) {

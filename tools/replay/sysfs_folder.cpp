@@ -15,13 +15,15 @@ namespace qvn_tools {
 namespace {
 
 // Relative to the root, in creation order (removed in reverse).
-const char *const kDirs[] = {"/sys", "/sys/class", "/sys/class/power_supply",
-                             "/sys/class/power_supply/battery", "/sys/class/power_supply/usb",
+const char *const kDirs[] = {"/sys",
+                             "/sys/class",
+                             "/sys/class/power_supply",
+                             "/sys/class/power_supply/battery",
+                             "/sys/class/power_supply/usb",
                              "/sys/class/power_supply/ac"};
-const char *const kFiles[] = {"/sys/class/power_supply/battery/current_now",
-                              "/sys/class/power_supply/usb/charge_type",
-                              "/sys/class/power_supply/usb/online",
-                              "/sys/class/power_supply/ac/online"};
+const char *const kFiles[] = {
+    "/sys/class/power_supply/battery/current_now", "/sys/class/power_supply/usb/charge_type",
+    "/sys/class/power_supply/usb/online", "/sys/class/power_supply/ac/online"};
 
 constexpr int kDirCount = sizeof kDirs / sizeof kDirs[0];
 constexpr int kFileCount = sizeof kFiles / sizeof kFiles[0];
@@ -77,10 +79,11 @@ SysfsFolder::~SysfsFolder() {
 
 bool SysfsFolder::Create(int64_t current, std::string *error) {
   const char *tmp = std::getenv("TMPDIR");
-  std::string templ = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") +
-                      "/qvn_replay_sysfs.XXXXXX";
+  std::string templ =
+      std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/qvn_replay_sysfs.XXXXXX";
   if (mkdtemp(&templ[0]) == nullptr) {
-    *error = "cannot create a folder for the power-supply files: " + std::string(std::strerror(errno));
+    *error =
+        "cannot create a folder for the power-supply files: " + std::string(std::strerror(errno));
     return false;
   }
   root_ = templ;

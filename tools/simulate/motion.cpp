@@ -55,7 +55,8 @@ bool ParseMotion(const std::string &text, std::vector<Segment> *out, std::string
   size_t start = 0;
   while (start <= text.size()) {
     size_t comma = text.find(',', start);
-    std::string seg = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    std::string seg =
+        text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
     std::vector<std::string> parts;
     size_t p = 0;
     while (true) {

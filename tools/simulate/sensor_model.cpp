@@ -17,7 +17,8 @@ std::vector<int64_t> SampleTimes(int64_t start_ns, double rate_hz, double durati
   if (rate_hz <= 0) return t;
   int64_t n = static_cast<int64_t>(std::floor(duration_s * rate_hz)) + 1;
   for (int64_t k = 0; k < n; ++k) {
-    t.push_back(start_ns + static_cast<int64_t>(std::llround(static_cast<double>(k) * kNsPerS / rate_hz)));
+    t.push_back(start_ns +
+                static_cast<int64_t>(std::llround(static_cast<double>(k) * kNsPerS / rate_hz)));
   }
   return t;
 }
@@ -26,10 +27,14 @@ std::vector<int64_t> SampleTimes(int64_t start_ns, double rate_hz, double durati
 // it, and the magnetometer comes last, as in the phone recordings.
 int Rank(Sensor s) {
   switch (s) {
-    case Sensor::kCur: return 0;
-    case Sensor::kAcc: return 1;
-    case Sensor::kGyr: return 2;
-    case Sensor::kMag: return 3;
+    case Sensor::kCur:
+      return 0;
+    case Sensor::kAcc:
+      return 1;
+    case Sensor::kGyr:
+      return 2;
+    case Sensor::kMag:
+      return 3;
   }
   return 4;
 }
@@ -40,7 +45,7 @@ bool Within(double t, double start, double duration) { return t >= start && t < 
 // as the device profile installs them.
 constexpr double kNonNfcCorrection[9] = {0.9356, -0.0447, 0.0172, -0.0327, 1.0337,
                                          0.0091, 0.0611,  0.0738, 1.0374};
-constexpr double kNfcCorrection[9] = {1.0144, -0.0366, 0.0109,  -0.0249, 0.9187,
+constexpr double kNfcCorrection[9] = {1.0144,  -0.0366, 0.0109,  -0.0249, 0.9187,
                                       0.00795, 0.00625, -0.0198, 1.0741};
 
 }  // namespace
@@ -104,8 +109,11 @@ void Simulate(const Motion &motion, const SimConfig &c, std::vector<Event> *even
     truth->push_back({t, q});
   }
   if (c.charging) {
-    auto at = [&c](double s) { return c.start_ns + static_cast<int64_t>(std::llround(s * kNsPerS)); };
-    events->push_back({at(c.charging_start_s), Sensor::kCur, static_cast<double>(c.charging_current), 0, 0, 0});
+    auto at = [&c](double s) {
+      return c.start_ns + static_cast<int64_t>(std::llround(s * kNsPerS));
+    };
+    events->push_back(
+        {at(c.charging_start_s), Sensor::kCur, static_cast<double>(c.charging_current), 0, 0, 0});
     events->push_back({at(c.charging_start_s + c.charging_duration_s), Sensor::kCur, 0, 0, 0, 0});
   }
   std::stable_sort(events->begin(), events->end(), [](const Event &a, const Event &b) {

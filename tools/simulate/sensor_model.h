@@ -27,7 +27,7 @@ struct SimConfig {
   double rate_acc_hz = 100, rate_gyr_hz = 100, rate_mag_hz = 50;
   double field_uT = 45, inclination_deg = 60;
   V3 offset_uT{42, -28, 65};
-  double soft_iron[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};  // see DeviceSoftIron
+  double soft_iron[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};            // see DeviceSoftIron
   double noise_acc = 0.02, noise_gyr = 0.002, noise_mag = 0.3;  // standard deviations
   V3 gyro_bias{0.012, -0.006, 0.009};
   bool disturbance = false;

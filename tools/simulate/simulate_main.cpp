@@ -89,16 +89,17 @@ bool WriteFile(const std::string &path, const std::string &text) {
 std::string TruthText(const SimConfig &c, const std::string &motion) {
   char buf[1024];
   const double *m = c.soft_iron;
-  std::snprintf(buf, sizeof buf,
-                "# ground truth of a simulated recording (qvn_simulate)\n"
-                "# raw magnetometer = soft_iron * earth field + offset_uT (+ disturbance, charging)\n"
-                "offset_uT %.9g %.9g %.9g\n"
-                "soft_iron %.9g %.9g %.9g %.9g %.9g %.9g %.9g %.9g %.9g\n"
-                "field_uT %.9g\ninclination_deg %.9g\ngyro_bias_rad_s %.9g %.9g %.9g\n"
-                "seed %" PRIu64 "\n# motion %s\n",
-                c.offset_uT.x, c.offset_uT.y, c.offset_uT.z, m[0], m[1], m[2], m[3], m[4], m[5], m[6],
-                m[7], m[8], c.field_uT, c.inclination_deg, c.gyro_bias.x, c.gyro_bias.y, c.gyro_bias.z,
-                c.seed, motion.c_str());
+  std::snprintf(
+      buf, sizeof buf,
+      "# ground truth of a simulated recording (qvn_simulate)\n"
+      "# raw magnetometer = soft_iron * earth field + offset_uT (+ disturbance, charging)\n"
+      "offset_uT %.9g %.9g %.9g\n"
+      "soft_iron %.9g %.9g %.9g %.9g %.9g %.9g %.9g %.9g %.9g\n"
+      "field_uT %.9g\ninclination_deg %.9g\ngyro_bias_rad_s %.9g %.9g %.9g\n"
+      "seed %" PRIu64 "\n# motion %s\n",
+      c.offset_uT.x, c.offset_uT.y, c.offset_uT.z, m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7],
+      m[8], c.field_uT, c.inclination_deg, c.gyro_bias.x, c.gyro_bias.y, c.gyro_bias.z, c.seed,
+      motion.c_str());
   return buf;
 }
 
@@ -121,20 +122,34 @@ int main(int argc, char **argv) {
     std::vector<double> l;
     int64_t n = 0;
     bool ok = true;
-    if (a == "--out-dir") out_dir = v;
-    else if (a == "--motion") motion_text = v;
-    else if (a == "--seed") ok = ParseInt64(v, &n) && n >= 0, c.seed = static_cast<uint64_t>(n);
-    else if (a == "--start-ns") ok = ParseInt64(v, &c.start_ns);
-    else if (a == "--rate-acc") ok = ParseDouble(v, &c.rate_acc_hz) && c.rate_acc_hz >= 0;
-    else if (a == "--rate-gyr") ok = ParseDouble(v, &c.rate_gyr_hz) && c.rate_gyr_hz >= 0;
-    else if (a == "--rate-mag") ok = ParseDouble(v, &c.rate_mag_hz) && c.rate_mag_hz > 0;
-    else if (a == "--field") ok = ParseDouble(v, &c.field_uT);
-    else if (a == "--inclination") ok = ParseDouble(v, &c.inclination_deg);
-    else if (a == "--noise-acc") ok = ParseDouble(v, &c.noise_acc) && c.noise_acc >= 0;
-    else if (a == "--noise-gyr") ok = ParseDouble(v, &c.noise_gyr) && c.noise_gyr >= 0;
-    else if (a == "--noise-mag") ok = ParseDouble(v, &c.noise_mag) && c.noise_mag >= 0;
-    else if (a == "--offset") ok = ParseList(v, 3, 3, &l), c.offset_uT = ok ? V3{l[0], l[1], l[2]} : c.offset_uT;
-    else if (a == "--gyro-bias") ok = ParseList(v, 3, 3, &l), c.gyro_bias = ok ? V3{l[0], l[1], l[2]} : c.gyro_bias;
+    if (a == "--out-dir")
+      out_dir = v;
+    else if (a == "--motion")
+      motion_text = v;
+    else if (a == "--seed")
+      ok = ParseInt64(v, &n) && n >= 0, c.seed = static_cast<uint64_t>(n);
+    else if (a == "--start-ns")
+      ok = ParseInt64(v, &c.start_ns);
+    else if (a == "--rate-acc")
+      ok = ParseDouble(v, &c.rate_acc_hz) && c.rate_acc_hz >= 0;
+    else if (a == "--rate-gyr")
+      ok = ParseDouble(v, &c.rate_gyr_hz) && c.rate_gyr_hz >= 0;
+    else if (a == "--rate-mag")
+      ok = ParseDouble(v, &c.rate_mag_hz) && c.rate_mag_hz > 0;
+    else if (a == "--field")
+      ok = ParseDouble(v, &c.field_uT);
+    else if (a == "--inclination")
+      ok = ParseDouble(v, &c.inclination_deg);
+    else if (a == "--noise-acc")
+      ok = ParseDouble(v, &c.noise_acc) && c.noise_acc >= 0;
+    else if (a == "--noise-gyr")
+      ok = ParseDouble(v, &c.noise_gyr) && c.noise_gyr >= 0;
+    else if (a == "--noise-mag")
+      ok = ParseDouble(v, &c.noise_mag) && c.noise_mag >= 0;
+    else if (a == "--offset")
+      ok = ParseList(v, 3, 3, &l), c.offset_uT = ok ? V3{l[0], l[1], l[2]} : c.offset_uT;
+    else if (a == "--gyro-bias")
+      ok = ParseList(v, 3, 3, &l), c.gyro_bias = ok ? V3{l[0], l[1], l[2]} : c.gyro_bias;
     else if (a == "--soft-iron") {
       if (v == "device" || v == "device-nfc") {
         DeviceSoftIron(v == "device-nfc", c.soft_iron);
@@ -182,15 +197,17 @@ int main(int argc, char **argv) {
   std::string ev = std::string(kEventCsvHeader) + "\n", gt = "t_ns,qw,qx,qy,qz\n";
   char line[160];
   for (const Event &e : events) {
-    std::snprintf(line, sizeof line, "%" PRId64 ",%s,%.9g,%.9g,%.9g\n", e.t_ns, SensorName(e.sensor),
-                  e.x, e.y, e.z);
+    std::snprintf(line, sizeof line, "%" PRId64 ",%s,%.9g,%.9g,%.9g\n", e.t_ns,
+                  SensorName(e.sensor), e.x, e.y, e.z);
     ev += line;
   }
   for (const TruthSample &t : truth) {
-    std::snprintf(line, sizeof line, "%" PRId64 ",%.9f,%.9f,%.9f,%.9f\n", t.t_ns, t.q.w, t.q.x, t.q.y, t.q.z);
+    std::snprintf(line, sizeof line, "%" PRId64 ",%.9f,%.9f,%.9f,%.9f\n", t.t_ns, t.q.w, t.q.x,
+                  t.q.y, t.q.z);
     gt += line;
   }
-  const std::string paths[3] = {out_dir + "/events.csv", out_dir + "/gt.csv", out_dir + "/truth.txt"};
+  const std::string paths[3] = {out_dir + "/events.csv", out_dir + "/gt.csv",
+                                out_dir + "/truth.txt"};
   const std::string texts[3] = {ev, gt, TruthText(c, motion_text)};
   for (int k = 0; k < 3; ++k) {
     if (!WriteFile(paths[k], texts[k])) {
