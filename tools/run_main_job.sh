@@ -8,11 +8,12 @@
 #      what the library found there;
 #   4. writes the plots of both replays (installs python3-matplotlib if needed).
 #
-# Environment: QVN_BUILD_DIR (default build), QVN_OUT_DIR (default
-# <build>/main-job), QVN_NO_PLOTS=1 to skip the figures.
+# Environment: QVN_BUILD_DIR (default build-main: a build of its own, without
+# the tests, so that it never changes the settings of the test build),
+# QVN_OUT_DIR (default <build>/main-job), QVN_NO_PLOTS=1 to skip the figures.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${QVN_BUILD_DIR:-$root/build}
+build=${QVN_BUILD_DIR:-$root/build-main}
 out=${QVN_OUT_DIR:-$build/main-job}
 
 step() { printf '\n== %s ==\n' "$*"; }
