@@ -12,7 +12,9 @@ include(CMakePackageConfigHelpers)
 
 # The installed library finds libqvnhost beside itself and the Debian build of
 # the Android log library in its own folder, wherever the prefix is.
-set_target_properties(qvnlib PROPERTIES INSTALL_RPATH "$ORIGIN;${ANDROID_LOG_LIBRARY_DIR}")
+if(NOT ANDROID)
+  set_target_properties(qvnlib PROPERTIES INSTALL_RPATH "$ORIGIN;${ANDROID_LOG_LIBRARY_DIR}")
+endif()
 
 set(QVN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/qvnlib)
 install(EXPORT qvnlibTargets NAMESPACE qvnlib:: DESTINATION ${QVN_CMAKE_DIR} COMPONENT qvnlib)
@@ -28,6 +30,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qvnlibConfig.cmake
 set(QVN_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # From the .pc file's folder back to the prefix, e.g. "../.." for lib/pkgconfig.
 file(RELATIVE_PATH QVN_PC_RELATIVE_PREFIX /${QVN_PC_DIR} /)
-set(QVN_PC_PRIVATE_LIBS "-lqvnhost -llog -lm")
+if(ANDROID)
+  set(QVN_PC_PRIVATE_LIBS "-lcutils -llog -lm")
+else()
+  set(QVN_PC_PRIVATE_LIBS "-lqvnhost -llog -lm")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/qvnlib.pc.in ${CMAKE_CURRENT_BINARY_DIR}/qvnlib.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qvnlib.pc DESTINATION ${QVN_PC_DIR} COMPONENT qvnlib)
