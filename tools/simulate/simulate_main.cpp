@@ -35,7 +35,7 @@ const char kHelp[] =
     "The same options and seed always give the same files.\n"
     "\n"
     "options:\n"
-    "  --motion SPEC        comma-separated segments KIND:SECONDS[:PARAM] (default\n"
+    "  --motion SEGMENTS    comma-separated segments KIND:SECONDS[:PARAM] (default\n"
     "                       still:2,figure8:24,level:1,table:12,still:3):\n"
     "                       still:S, figure8:S[:PERIOD_S] (calibration sweep),\n"
     "                       level:S (back to flat), table:S[:DEG_PER_S] (turns on a table)\n"
