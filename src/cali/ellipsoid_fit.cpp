@@ -17,13 +17,13 @@
 // 9x9 work matrices (row stride 9).
 #include <math.h>
 
+#include "cali/batch.h"
 #include "cali/cali.h"
 #include "common/log.h"
 #include "math/math.h"
 
 namespace {
 
-constexpr int kBatchCap = QVN_BATCH_CAPACITY;
 constexpr int kStride = 9;          // row stride of DM / invDM
 constexpr int kQuadricTerms = 9;    // unknowns of the general ellipsoid
 constexpr int kShapeTerms = 6;      // unknowns of the centred quadric
@@ -52,39 +52,6 @@ constexpr int16_t kStageDone = 555;
 
 constexpr int16_t kMinEllipsoidOdr = 11;  // Hz; below it only the sphere is fitted
 constexpr int16_t kFullAccuracy = 3;
-
-// A count from a tunable or a host-visible variable, bounded to the planes.
-int BatchCount(int n) { return n < 0 ? 0 : (n > kBatchCap ? kBatchCap : n); }
-
-// The slot for the next sample; a count pushed outside the planes by a host
-// writes into the nearest end instead of past it.
-int WriteSlot(int n) { return n < 0 ? 0 : (n >= kBatchCap ? kBatchCap - 1 : n); }
-
-// Admission and append shared by the magnetometer-only methods: the distance
-// test, the rejection counter that empties the batch after too many
-// rejections in a row, and the write of an admitted sample. Returns 1 when the
-// sample was stored, 0 when it was rejected.
-int16_t AdmitAndAppend(const float mag[3]) {
-  if (mag_is_effective(mag) == 0) {
-    const int16_t rejected = dsc_reset_count;
-    dsc_reset_count = static_cast<int16_t>(rejected + 1);
-    const int16_t limit = (dsc_reset_threshold == 0) ? dsc_data_size : dsc_reset_threshold;
-    // The old count is compared, so the batch goes on the (limit + 2)-th
-    // consecutive rejection.
-    if (rejected > limit) {
-      dsc_reset_count = 0;
-      dsc_data_num = 0;
-    }
-    return 0;
-  }
-  dsc_reset_count = 0;
-  const int slot = WriteSlot(dsc_data_num);
-  dsc_data_mag[0][slot] = mag[0];
-  dsc_data_mag[1][slot] = mag[1];
-  dsc_data_mag[2][slot] = mag[2];
-  dsc_data_num = static_cast<int16_t>(dsc_data_num + 1);
-  return 1;
-}
 
 // Quadric terms of one centred sample: x^2, y^2, z^2, 2xy, 2xz, 2yz.
 void ShapeTerms(float x, float y, float z, float w[kShapeTerms]) {
@@ -119,7 +86,7 @@ int16_t calculate_magnetic_sfi_hdi(const float *x, const float *y, const float *
                                    float hdi[3], float sfi[9], float *scale) {
   // The count arrives unsigned but is judged as the signed batch count.
   if (static_cast<int16_t>(n) < 1) return kFitEmpty;
-  const int count = BatchCount(static_cast<int16_t>(n));
+  const int count = qvn::BatchCount(static_cast<int16_t>(n));
   for (float &e : DM) e = 0.0f;
 
   // Stage 1: general ellipsoid, least squares of v^T p = 1.
@@ -206,10 +173,10 @@ int16_t mag_cali_mag_oval(const float mag[3], float sfi[9], float hdi[3], uint16
     qvn_debug_log[1] = dsc_data_num;
     qvn_debug_log[2] = kStageStart;
   }
-  if (AdmitAndAppend(mag) == 0) return kOvalRejected;
+  if (!qvn::AdmitAndAppend(mag)) return kOvalRejected;
   if (dsc_data_num < dsc_data_size) return kOvalCollecting;
 
-  const int count = BatchCount(dsc_data_size);
+  const int count = qvn::BatchCount(dsc_data_size);
   float centre[3] = {hdi[0], hdi[1], hdi[2]};
   float sphere_radius = 0.0f;
   if (use_given_offset != 1) {

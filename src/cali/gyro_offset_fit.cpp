@@ -11,6 +11,7 @@
 // mean (the field strength) and few outliers.
 #include <math.h>
 
+#include "cali/batch.h"
 #include "cali/cali.h"
 #include "common/log.h"
 #include "math/convert.h"
@@ -35,15 +36,13 @@ constexpr int16_t kStageRange = 333;
 constexpr int16_t kStageFitted = 444;
 constexpr int16_t kStageDone = 555;
 
-int BatchCount(int n) { return n < 0 ? 0 : (n > kBatchCap ? kBatchCap : n); }
-int WriteSlot(int n) { return n < 0 ? 0 : (n >= kBatchCap ? kBatchCap - 1 : n); }
 
 }  // namespace
 
 int16_t calculate_hdi_by_gyroscope(const float *mx, const float *my, const float *mz,
                                    const float *gx, const float *gy, const float *gz,
                                    const float *dt, int16_t n, float hdi[3]) {
-  const int count = BatchCount(n);
+  const int count = qvn::BatchCount(n);
   for (int i = 0; i < kOrder; ++i) {
     for (int j = 0; j < kOrder; ++j) DM[kStride * i + j] = 0.0f;
   }
@@ -89,7 +88,7 @@ int16_t fss_hdi_is_valid(const float *x, const float *y, const float *z, uint16_
                          const float hdi[3], float *radius) {
   qvn_cali_log[0] = kStageStart;
   if (static_cast<int16_t>(n) < 1) return 0;
-  const int count = BatchCount(static_cast<int16_t>(n));
+  const int count = qvn::BatchCount(static_cast<int16_t>(n));
   const bool logging = g_en_mtkScpLog != 0;
   if (logging) {
     QVN_LOGD("QVNlib: hdi[0-2]:%f,%f,%f\r\n", static_cast<double>(hdi[0]),
@@ -139,7 +138,7 @@ int16_t mag_cali_mag_gyr(const float mag[3], const float gyro[3], float hdi[3], 
   float radius = cali_radius;
   const int16_t k = dsc_data_num;
   // Every sample is kept: the fit needs consecutive pairs, not spacing.
-  const int slot = WriteSlot(k);
+  const int slot = qvn::BatchWriteSlot(k);
   for (int a = 0; a < 3; ++a) {
     dsc_data_mag[a][slot] = mag[a];
     ctn_data_gyr[a][slot] = gyro[a];
@@ -161,7 +160,7 @@ int16_t mag_cali_mag_gyr(const float mag[3], const float gyro[3], float hdi[3], 
     qvn_debug_log[3] = level;
   }
   if (level != 0) {
-    const int count = BatchCount(dsc_data_size);
+    const int count = qvn::BatchCount(dsc_data_size);
     float offset[3] = {0.0f, 0.0f, 0.0f};
     qvn_debug_log[2] = kStageRange;
     if (calculate_hdi_by_gyroscope(dsc_data_mag[0], dsc_data_mag[1], dsc_data_mag[2],

@@ -11,18 +11,16 @@
 #include <math.h>
 #include <string.h>
 
+#include "cali/batch.h"
 #include "cali/cali.h"
 #include "math/convert.h"
 #include "math/math.h"
 
 namespace {
 
-constexpr int16_t kCapacity = QVN_BATCH_CAPACITY;
 constexpr double kReferenceGain = 0.8;  // weight of the new sample in the reference
 constexpr double kQuietRate = 0.02;     // rad/s, at or below: the device is at rest
 constexpr float kHalf = 0.5f;
-
-int16_t ClampCount(int16_t n) { return n < 0 ? 0 : (n > kCapacity ? kCapacity : n); }
 
 void MovePlane(float *plane, int16_t from, int16_t count) {
   memmove(plane, plane + from, static_cast<size_t>(count) * sizeof(float));
@@ -59,7 +57,7 @@ int16_t mag_is_effective(const float sample[3]) {
     *pre[a] = static_cast<float>(static_cast<double>(diff) * kReferenceGain +
                                  static_cast<double>(*pre[a]));
   }
-  const int16_t n = ClampCount(dsc_data_num);
+  const int16_t n = qvn::BatchCount(dsc_data_num);
   for (int16_t i = 0; i < n; ++i) {
     const float dx = dsc_data_mag[0][i] - dsc_pre_mag.x;
     const float dy = dsc_data_mag[1][i] - dsc_pre_mag.y;
@@ -70,7 +68,7 @@ int16_t mag_is_effective(const float sample[3]) {
 }
 
 int16_t gyro_is_effective(void) {
-  const int16_t n = ClampCount(dsc_data_size);
+  const int16_t n = qvn::BatchCount(dsc_data_size);
   const int16_t cx = CountTurning(ctn_data_gyr[0], n);
   const int16_t cy = CountTurning(ctn_data_gyr[1], n);
   const int16_t cz = CountTurning(ctn_data_gyr[2], n);
@@ -95,7 +93,7 @@ int16_t gyro_is_effective(void) {
 }
 
 void dsc_data_discard(void) {
-  const int16_t n = ClampCount(dsc_data_size);
+  const int16_t n = qvn::BatchCount(dsc_data_size);
   // Sample 2k+1 moves to index k: half of the old batch seeds the next one.
   for (int a = 0; a < 3; ++a) {
     float *plane = dsc_data_mag[a];
@@ -105,7 +103,7 @@ void dsc_data_discard(void) {
 }
 
 void ctn_data_discard(int16_t start) {
-  const int16_t n = ClampCount(dsc_data_size);
+  const int16_t n = qvn::BatchCount(dsc_data_size);
   if (n <= start) {
     dsc_data_num = 0;
     return;
@@ -126,3 +124,29 @@ void ctn_data_discard(int16_t start) {
   MovePlane(ctn_data_gdt, k, m);
   dsc_data_num = m;
 }
+
+namespace qvn {
+
+bool AdmitAndAppend(const float mag[3]) {
+  if (mag_is_effective(mag) == 0) {
+    const int16_t rejected = dsc_reset_count;
+    dsc_reset_count = static_cast<int16_t>(rejected + 1);
+    const int16_t limit = (dsc_reset_threshold == 0) ? dsc_data_size : dsc_reset_threshold;
+    // The old count is compared, so the batch goes on the (limit + 2)-th
+    // consecutive rejection: the device rests and the batch is stale.
+    if (rejected > limit) {
+      dsc_reset_count = 0;
+      dsc_data_num = 0;
+    }
+    return false;
+  }
+  dsc_reset_count = 0;
+  const int16_t slot = BatchWriteSlot(dsc_data_num);
+  dsc_data_mag[0][slot] = mag[0];
+  dsc_data_mag[1][slot] = mag[1];
+  dsc_data_mag[2][slot] = mag[2];
+  dsc_data_num = static_cast<int16_t>(dsc_data_num + 1);
+  return true;
+}
+
+}  // namespace qvn

@@ -11,6 +11,7 @@
 // halves the batch afterwards, so each attempt is seeded by half the last one.
 #include <string.h>
 
+#include "cali/batch.h"
 #include "cali/cali.h"
 #include "common/log.h"
 #include "math/math.h"
@@ -35,40 +36,10 @@ constexpr int16_t kInvalid = 6;
 
 constexpr float kIdentity[9] = {1.0f, 0.0f, 0.0f, 0.0f, 1.0f, 0.0f, 0.0f, 0.0f, 1.0f};
 
-int16_t ClampCount(int16_t n) {
-  return n < 0 ? 0 : (n > QVN_BATCH_CAPACITY ? static_cast<int16_t>(QVN_BATCH_CAPACITY) : n);
-}
-
 void ZeroLeadingBlock(float *m) {
   for (int r = 0; r < kOrder; ++r) {
     for (int c = 0; c < kOrder; ++c) m[r * kStride + c] = 0.0f;
   }
-}
-
-// Distance test and append, shared wording with the oval method. Returns
-// true when the sample was stored.
-bool AdmitSample(const float mag[3]) {
-  if (mag_is_effective(mag) == 0) {
-    const int16_t r = dsc_reset_count;
-    dsc_reset_count = static_cast<int16_t>(r + 1);
-    const int16_t limit = (dsc_reset_threshold != 0) ? dsc_reset_threshold : dsc_data_size;
-    // Too many rejections in a row: the device rests, so the batch is stale.
-    if (r > limit) {
-      dsc_reset_count = 0;
-      dsc_data_num = 0;
-    }
-    return false;
-  }
-  dsc_reset_count = 0;
-  // A host-written count is kept inside the planes; the count itself still
-  // advances so that the batch-full test behaves as before.
-  int16_t i = ClampCount(dsc_data_num);
-  if (i == QVN_BATCH_CAPACITY) i = QVN_BATCH_CAPACITY - 1;
-  dsc_data_mag[0][i] = mag[0];
-  dsc_data_mag[1][i] = mag[1];
-  dsc_data_mag[2][i] = mag[2];
-  dsc_data_num = static_cast<int16_t>(dsc_data_num + 1);
-  return true;
 }
 
 }  // namespace
@@ -77,7 +48,7 @@ int16_t calculate_sphere_offset(const float *x, const float *y, const float *z, 
                                 float offset[3], float *radius) {
   ZeroLeadingBlock(DM);
   ZeroLeadingBlock(invDM);
-  const int16_t count = ClampCount(n);
+  const int16_t count = qvn::BatchCount(n);
 
   // One pass in sample order; every sum is float, as the fit was tuned.
   float sxx = 0.0f, syy = 0.0f, szz = 0.0f, sxy = 0.0f, sxz = 0.0f, syz = 0.0f;
@@ -139,11 +110,11 @@ int16_t mag_cali_mag_ball(const float mag[3], float hdi[3]) {
     qvn_debug_log[2] = kStageCollect;
   }
 
-  if (!AdmitSample(mag)) return kCollecting;
+  if (!qvn::AdmitAndAppend(mag)) return kCollecting;
   if (dsc_data_num < dsc_data_size) return kCollecting;
 
   qvn_debug_log[2] = kStageFit;
-  const int16_t n = ClampCount(dsc_data_size);
+  const int16_t n = qvn::BatchCount(dsc_data_size);
   if (calculate_sphere_offset(dsc_data_mag[0], dsc_data_mag[1], dsc_data_mag[2], n, offset,
                               &radius) == 0) {
     dsc_data_discard();
