@@ -5,10 +5,12 @@
 namespace qvn_test {
 
 void ReplayThroughTable(const std::vector<SimEvent> &events, int8_t hw_gyro,
-                        const std::function<void(const StepOutputs &)> &visit) {
+                        const std::function<void(const StepOutputs &)> &visit,
+                        bool keep_early_gyro) {
   const QvnLibApiTable &api = MAG_LIB_API_INTERFACE;
   ChipInfo info = {0, 0, hw_gyro};
   api.QVN_CaliInitLib(&info);
+  bool seen_mag = false;
   for (const SimEvent &e : events) {
     SensorEvent s;
     s.timestamp = e.t_ns;
@@ -21,7 +23,7 @@ void ReplayThroughTable(const std::vector<SimEvent> &events, int8_t hw_gyro,
         api.QVN_CaliApiSetAccelData(&s);
         break;
       case Sensor::kGyr:
-        api.QVN_CaliApiSetGyroData(&s);
+        if (seen_mag || keep_early_gyro) api.QVN_CaliApiSetGyroData(&s);
         break;
       case Sensor::kMag: {
         StepOutputs out;
@@ -35,6 +37,7 @@ void ReplayThroughTable(const std::vector<SimEvent> &events, int8_t hw_gyro,
         api.QVN_FusionGetGameRotationVector(&out.fusion[4]);
         api.QVN_FusionGetGeoMagnetic(&out.fusion[5]);
         api.QVN_FusionGetVirtualGyro(&out.fusion[6]);
+        seen_mag = true;
         visit(out);
         break;
       }

@@ -20,8 +20,16 @@ struct StepOutputs {
 
 // Initialises with hwGyro, then replays events; after every QVN_DoCaliAPI the
 // seven getters are polled and visit() receives the step's outputs.
+//
+// With a hardware gyroscope, a gyroscope sample that reaches the library
+// before the first magnetometer sample runs a fusion step while the start-up
+// ramp length is still 0: the weights become 0/0 and the attitude NaN until
+// the next initialisation. A service avoids that by holding gyroscope samples
+// back until the first magnetometer sample has been calibrated, which is what
+// the replay does unless keep_early_gyro is set.
 void ReplayThroughTable(const std::vector<SimEvent> &events, int8_t hw_gyro,
-                        const std::function<void(const StepOutputs &)> &visit);
+                        const std::function<void(const StepOutputs &)> &visit,
+                        bool keep_early_gyro = false);
 
 }  // namespace qvn_test
 
