@@ -56,7 +56,8 @@ extern "C" {
 int32_t get_battery_current(void) {
   int32_t current = 0;
   if (!ReadNumber(qvn_power_supply_path(kQvnBatteryCurrentNow), &current)) {
-    QVN_LOGE("qvn_cali  SYS_FS_CURRENT_NOW openfailed");
+    // Written for every sample of a phone without the file: ask first.
+    if (qvn::LogOn(ANDROID_LOG_ERROR)) QVN_LOGE("qvn_cali  SYS_FS_CURRENT_NOW openfailed");
     return -1;
   }
   return current;

@@ -104,7 +104,7 @@ void RescaleRadius() {
 // Normal and interference regimes: spacing, radius limits and method for this
 // sample, then one step of the dispatcher on a copy of the matrix in force.
 int16_t SelectAndFit(const float mag[3], const float gyro[3], float dt, float sfi[9], float hdi[3],
-                     bool logging) {
+                     bool print) {
   for (int i = 0; i < 9; ++i) sfi[i] = sfi_array[i];
   if (qvn_accuracy == kFullAccuracy) {
     mag_cali_mode = (cali_mode_mode == kInterferencePeriod)
@@ -126,7 +126,7 @@ int16_t SelectAndFit(const float mag[3], const float gyro[3], float dt, float sf
     mag_cali_mode = static_cast<int16_t>(k7q_interference_mode);
     interf_cnt_cnt = static_cast<int16_t>(interf_cnt_cnt - 1);
   }
-  if (logging) {
+  if (print) {
     QVN_LOGD(
         "QVNlib: dsc_mag_distance: g_cali_radius_threshold_wide: g_cali_radius_threshold_rate: "
         "qvn_algo_odr:  %f,%f,%f,%d\r\n",
@@ -142,7 +142,7 @@ int16_t SelectAndFit(const float mag[3], const float gyro[3], float dt, float sf
 
 // Kind-1 adoption of a validated fit, in the order the host-visible state has
 // always changed.
-void AdoptFit(const float sfi[9], const float hdi[3], bool logging) {
+void AdoptFit(const float sfi[9], const float hdi[3], bool logging, bool print) {
   // The matrix follows the log switch: a quiet build keeps its matrix. This
   // coupling is relied on by existing devices and must stay.
   if (logging && mag_cali_mode == kModeOval) {
@@ -156,7 +156,7 @@ void AdoptFit(const float sfi[9], const float hdi[3], bool logging) {
   cali_update = 1;
   fusion_start_delay_counter = fusion_start_delay_time;
   qvn_radius = cali_radius * rad_ratio;
-  if (logging) {
+  if (print) {
     QVN_LOGD("QVNlib: qvn_accuracy :%d\r\n", qvn_accuracy);
     QVN_LOGD("QVNlib: qvn_radius   :%f\r\n", qvn_radius);
   }
@@ -194,15 +194,20 @@ uint16_t qvn_DoMagCali(float acc[3], float mag[3], float gyro[3], uint64_t times
   float hdi_candidate[3] = {0.0f, 0.0f, 0.0f};
   float sfi_candidate[9] = {1.0f, 0.0f, 0.0f, 0.0f, 1.0f, 0.0f, 0.0f, 0.0f, 1.0f};
   const bool logging = g_en_mtkScpLog != 0;
+  // Lines are only formatted for a log that takes them; the line counters
+  // follow the switch alone, as they always have.
+  const bool print = logging && qvn::DebugLogOn();
 
   if (logging) {
-    QVN_LOGD("QVNlib:[%s: %d]: Start\r\n", "qvn_DoMagCali", kStartLine);
+    if (print) QVN_LOGD("QVNlib:[%s: %d]: Start\r\n", "qvn_DoMagCali", kStartLine);
     const int16_t n = log_cnt_lib;
     log_cnt_lib = static_cast<int16_t>(n + 1);
     if (n >= kVersionEvery) {
       log_cnt_lib = 0;
-      QVN_LOGD("QVNlib:[%s: %d]: Version:%s,Date:%s\r\n", "qvn_DoMagCali", kVersionLine,
-               "SRC68_QVN_KQ7_COMPATIBLE_02", "20240709_5");
+      if (print) {
+        QVN_LOGD("QVNlib:[%s: %d]: Version:%s,Date:%s\r\n", "qvn_DoMagCali", kVersionLine,
+                 "SRC68_QVN_KQ7_COMPATIBLE_02", "20240709_5");
+      }
     }
   }
 
@@ -227,15 +232,17 @@ uint16_t qvn_DoMagCali(float acc[3], float mag[3], float gyro[3], uint64_t times
   float u[3];
   Calibrate(mag, u);
   if (logging) {
-    QVN_LOGD("QVNlib: Mag_uncali_rawdata[x,y,z]: %f,%f,%f \r\n", mag[0], mag[1], mag[2]);
-    QVN_LOGD("QVNlib: delta_time :%f\r\n", dt);
-    QVN_LOGD("QVNlib: Mag_cali_data[x,y,z]: %f,%f,%f\r\n", u[0], u[1], u[2]);
-    QVN_LOGD("QVNlib: hdi[x,y,z]: %f,%f,%f\r\n", hdi_array[0], hdi_array[1], hdi_array[2]);
+    if (print) {
+      QVN_LOGD("QVNlib: Mag_uncali_rawdata[x,y,z]: %f,%f,%f \r\n", mag[0], mag[1], mag[2]);
+      QVN_LOGD("QVNlib: delta_time :%f\r\n", dt);
+      QVN_LOGD("QVNlib: Mag_cali_data[x,y,z]: %f,%f,%f\r\n", u[0], u[1], u[2]);
+      QVN_LOGD("QVNlib: hdi[x,y,z]: %f,%f,%f\r\n", hdi_array[0], hdi_array[1], hdi_array[2]);
+    }
     const int16_t n = log_cnt_lib2;
     log_cnt_lib2 = static_cast<int16_t>(n + 1);
     if (n >= kStaticSfiEvery) {
       log_cnt_lib2 = 0;
-      qvn::LogStaticSfi();
+      if (print) qvn::LogStaticSfi();
     }
   }
   if (mag_cali_mode == kModeOval) ApplyMatrix(sfi_array, u);
@@ -249,7 +256,7 @@ uint16_t qvn_DoMagCali(float acc[3], float mag[3], float gyro[3], uint64_t times
       interf_cnt_cnt = static_cast<int16_t>(qvn_algo_odr * interf_cnt_cnt_sec);
     }
   } else {
-    code = SelectAndFit(mag, gyro, dt, sfi_candidate, hdi_candidate, logging);
+    code = SelectAndFit(mag, gyro, dt, sfi_candidate, hdi_candidate, print);
   }
 
   RescaleRadius();
@@ -264,14 +271,14 @@ uint16_t qvn_DoMagCali(float acc[3], float mag[3], float gyro[3], uint64_t times
       adopted_first = true;
     }
   } else if (!(mag_quad_accuracy < qvn_accuracy || (mag_quad_accuracy == 1 && qvn_accuracy == 1))) {
-    AdoptFit(sfi_candidate, hdi_candidate, logging);
+    AdoptFit(sfi_candidate, hdi_candidate, logging, print);
     adopted_fit = true;
   }
 
   if (adopted_fit || adopted_first) {
     Calibrate(mag, u);
     if (mag_cali_mode == kModeOval) ApplyMatrix(sfi_array, u);
-    if (logging) {
+    if (print) {
       QVN_LOGD("QVNlib: qvn_cali done\r\n");
       QVN_LOGD("QVNlib: mag_cali[0-2]%f,%f,%f\r\n", u[0], u[1], u[2]);
     }

@@ -168,7 +168,9 @@ int16_t calculate_magnetic_sfi_hdi(const float *x, const float *y, const float *
 
 int16_t mag_cali_mag_oval(const float mag[3], float sfi[9], float hdi[3], uint16_t use_given_offset) {
   if (g_en_mtkScpLog != 0) {
-    QVN_LOGD("QVNlib: oval dsc_size:%d ,dsc_num:%d \r\n", dsc_data_size, dsc_data_num);
+    if (qvn::DebugLogOn()) {
+      QVN_LOGD("QVNlib: oval dsc_size:%d ,dsc_num:%d \r\n", dsc_data_size, dsc_data_num);
+    }
     qvn_debug_log[0] = dsc_data_size;
     qvn_debug_log[1] = dsc_data_num;
     qvn_debug_log[2] = kStageStart;
@@ -231,7 +233,7 @@ int16_t mag_cali_mag_oval(const float mag[3], float sfi[9], float hdi[3], uint16
   }
   if (g_en_mtkScpLog != 0) {
     // The wording is shared by all three methods.
-    QVN_LOGD("QVNlib: mag_gyr cali done\r\n");
+    if (qvn::DebugLogOn()) QVN_LOGD("QVNlib: mag_gyr cali done\r\n");
     qvn_debug_log[2] = kStageDone;
   }
   for (int i = 0; i < 3; ++i) hdi[i] = offset[i];

@@ -90,9 +90,12 @@ int16_t fss_hdi_is_valid(const float *x, const float *y, const float *z, uint16_
   if (static_cast<int16_t>(n) < 1) return 0;
   const int count = qvn::BatchCount(static_cast<int16_t>(n));
   const bool logging = g_en_mtkScpLog != 0;
+  const bool print = logging && qvn::DebugLogOn();
   if (logging) {
-    QVN_LOGD("QVNlib: hdi[0-2]:%f,%f,%f\r\n", static_cast<double>(hdi[0]),
-             static_cast<double>(hdi[1]), static_cast<double>(hdi[2]));
+    if (print) {
+      QVN_LOGD("QVNlib: hdi[0-2]:%f,%f,%f\r\n", static_cast<double>(hdi[0]),
+               static_cast<double>(hdi[1]), static_cast<double>(hdi[2]));
+    }
     qvn_cali_log[0] = kStageLogged;
     for (int k = 0; k < 3; ++k) qvn_cali_log[1 + k] = qvn::TruncToI16(hdi[k]);
   }
@@ -119,8 +122,10 @@ int16_t fss_hdi_is_valid(const float *x, const float *y, const float *z, uint16_
   const float allowed = mag_radius_out_rate * fn;
   if (logging) {
     // Prints the tolerance, not the mean; long-standing wording.
-    QVN_LOGD("QVNlib: radius:%f,count:%d,num:%d\r\n", static_cast<double>(mag_radius_wide),
-             outliers, count);
+    if (print) {
+      QVN_LOGD("QVNlib: radius:%f,count:%d,num:%d\r\n", static_cast<double>(mag_radius_wide),
+               outliers, count);
+    }
     qvn_cali_log[4] = qvn::TruncToI16(mag_radius_wide);
     qvn_cali_log[5] = outliers;
     qvn_cali_log[6] = qvn::TruncToI16(allowed);
@@ -145,8 +150,9 @@ int16_t mag_cali_mag_gyr(const float mag[3], const float gyro[3], float hdi[3], 
   }
   ctn_data_gdt[slot] = interval;
   const bool logging = g_en_mtkScpLog != 0;
+  const bool print = logging && qvn::DebugLogOn();
   if (logging) {
-    QVN_LOGD("QVNlib: maggyr dsc_size:%d ,dsc_num:%d \r\n", dsc_data_size, k);
+    if (print) QVN_LOGD("QVNlib: maggyr dsc_size:%d ,dsc_num:%d \r\n", dsc_data_size, k);
     qvn_debug_log[0] = dsc_data_size;
     qvn_debug_log[1] = k;
     qvn_debug_log[2] = kStageStart;
@@ -156,7 +162,7 @@ int16_t mag_cali_mag_gyr(const float mag[3], const float gyro[3], float hdi[3], 
 
   const int16_t level = gyro_is_effective();
   if (logging) {
-    QVN_LOGD("QVNlib: level :%d \r\n", level);
+    if (print) QVN_LOGD("QVNlib: level :%d \r\n", level);
     qvn_debug_log[3] = level;
   }
   if (level != 0) {
@@ -170,7 +176,7 @@ int16_t mag_cali_mag_gyr(const float mag[3], const float gyro[3], float hdi[3], 
       if (fss_hdi_is_valid(dsc_data_mag[0], dsc_data_mag[1], dsc_data_mag[2],
                            static_cast<uint16_t>(count), offset, &radius) != 0) {
         if (logging) {
-          QVN_LOGD("QVNlib: mag_gyr cali done\r\n");
+          if (print) QVN_LOGD("QVNlib: mag_gyr cali done\r\n");
           qvn_debug_log[2] = kStageDone;
         }
         for (int a = 0; a < 3; ++a) hdi[a] = offset[a];

@@ -104,7 +104,9 @@ int16_t mag_cali_mag_ball(const float mag[3], float hdi[3]) {
 
   if (g_en_mtkScpLog != 0) {
     // "maggyr" is the gyroscope-aided method's wording, shared as it always was.
-    QVN_LOGD("QVNlib: maggyr dsc_size:%d ,dsc_num:%d \r\n", dsc_data_size, dsc_data_num);
+    if (qvn::DebugLogOn()) {
+      QVN_LOGD("QVNlib: maggyr dsc_size:%d ,dsc_num:%d \r\n", dsc_data_size, dsc_data_num);
+    }
     qvn_debug_log[0] = dsc_data_size;
     qvn_debug_log[1] = dsc_data_num;
     qvn_debug_log[2] = kStageCollect;
@@ -129,7 +131,7 @@ int16_t mag_cali_mag_ball(const float mag[3], float hdi[3]) {
   }
 
   if (g_en_mtkScpLog != 0) {
-    QVN_LOGD("QVNlib: mag_gyr cali done\r\n");
+    if (qvn::DebugLogOn()) QVN_LOGD("QVNlib: mag_gyr cali done\r\n");
     qvn_debug_log[2] = kStageDone;
   }
   // The accuracy was set by the validation; cali_radius is left as it is.

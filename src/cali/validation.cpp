@@ -61,7 +61,8 @@ int16_t Reject(int16_t verdict) {
 int16_t mag_calibration(const float mag[3], const float gyro[3], uint16_t mode, float sfi[9],
                         float hdi[3], int16_t gyro_present, float interval) {
   (void)gyro_present;  // accepted for the interface, never read
-  if (g_en_mtkScpLog != 0) QVN_LOGD("QVNlib: Start\r\n");
+  const bool print = qvn::DebugLogOn();
+  if (g_en_mtkScpLog != 0 && print) QVN_LOGD("QVNlib: Start\r\n");
   mag_quad_accuracy = 0;
 
   int16_t code = kUnknownMode;
@@ -75,23 +76,27 @@ int16_t mag_calibration(const float mag[3], const float gyro[3], uint16_t mode, 
 
   // Written for every sample whatever the log switch says: field logs have
   // always relied on these four lines.
-  QVN_LOGD("QVNlib: qvn_debug_log[0], qvn_debug_log[1], qvn_debug_log[2]:%d,%d,%d \r\n",
-           qvn_debug_log[0], qvn_debug_log[1], qvn_debug_log[2]);
-  QVN_LOGD("QVNlib: qvn_cali_log[0]: qvn_cali_log[1]: qvn_cali_log[2]:%d,%d,%d\r\n",
-           qvn_cali_log[0], qvn_cali_log[1], qvn_cali_log[2]);
-  QVN_LOGD("QVNlib: qvn_cali_log[3]: qvn_cali_log[4]: qvn_cali_log[5]:%d,%d,%d\r\n",
-           qvn_cali_log[3], qvn_cali_log[4], qvn_cali_log[5]);
-  QVN_LOGD("QVNlib: qvn_cali_log[6]: qvn_cali_log[7]: qvn_cali_log[8]:%d,%d,%d\r\n",
-           qvn_cali_log[6], qvn_cali_log[7], qvn_cali_log[8]);
+  if (print) {
+    QVN_LOGD("QVNlib: qvn_debug_log[0], qvn_debug_log[1], qvn_debug_log[2]:%d,%d,%d \r\n",
+             qvn_debug_log[0], qvn_debug_log[1], qvn_debug_log[2]);
+    QVN_LOGD("QVNlib: qvn_cali_log[0]: qvn_cali_log[1]: qvn_cali_log[2]:%d,%d,%d\r\n",
+             qvn_cali_log[0], qvn_cali_log[1], qvn_cali_log[2]);
+    QVN_LOGD("QVNlib: qvn_cali_log[3]: qvn_cali_log[4]: qvn_cali_log[5]:%d,%d,%d\r\n",
+             qvn_cali_log[3], qvn_cali_log[4], qvn_cali_log[5]);
+    QVN_LOGD("QVNlib: qvn_cali_log[6]: qvn_cali_log[7]: qvn_cali_log[8]:%d,%d,%d\r\n",
+             qvn_cali_log[6], qvn_cali_log[7], qvn_cali_log[8]);
+  }
   return code;
 }
 
 int16_t dsc_sfi_hdi_is_valid(const float *x, const float *y, const float *z, uint16_t n,
                              const float hdi[3], const float sfi[9], float radius) {
   if (g_en_mtkScpLog != 0) {
-    QVN_LOGD("QVNlib:sfi[0-2]:%f,%f,%f\r\n", sfi[0], sfi[1], sfi[2]);
-    QVN_LOGD("QVNlib:sfi[3-5]:%f,%f,%f\r\n", sfi[3], sfi[4], sfi[5]);
-    QVN_LOGD("QVNlib:sfi[6-8]:%f,%f,%f\r\n", sfi[6], sfi[7], sfi[8]);
+    if (qvn::DebugLogOn()) {
+      QVN_LOGD("QVNlib:sfi[0-2]:%f,%f,%f\r\n", sfi[0], sfi[1], sfi[2]);
+      QVN_LOGD("QVNlib:sfi[3-5]:%f,%f,%f\r\n", sfi[3], sfi[4], sfi[5]);
+      QVN_LOGD("QVNlib:sfi[6-8]:%f,%f,%f\r\n", sfi[6], sfi[7], sfi[8]);
+    }
     qvn_cali_log[0] = kStageLogged;
     const int order[6] = {0, 4, 8, 3, 6, 7};
     for (int k = 0; k < 6; ++k) qvn_cali_log[4 + k] = qvn::TruncToI16(kMilli * sfi[order[k]]);

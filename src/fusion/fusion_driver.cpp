@@ -104,7 +104,7 @@ void qvn_SetFusionData(Vec3f *acc, Vec3f *mag, Vec3f *gyro, uint64_t timestamp_n
                                       kNsPerSecond);
   timestamp_fuison = timestamp_ns;
 
-  if (g_en_mtkScpLog != 0) {
+  if (g_en_mtkScpLog != 0 && qvn::DebugLogOn()) {
     QVN_LOGD("[QVN_LOG] g_timeStamp_lld, %lld\n", static_cast<long long>(timestamp_ns));
     QVN_LOGD("[QVN_LOG] timestamp_fuison, %lld\n", static_cast<long long>(timestamp_fuison));
     // Whole seconds: prints 0 at any normal rate. Kept as it always was.
