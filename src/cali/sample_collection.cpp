@@ -15,6 +15,8 @@
 #include "cali/cali.h"
 #include "math/convert.h"
 #include "math/math.h"
+#include "math/root_compare.h"
+#include "math/simd.h"
 
 namespace {
 
@@ -39,6 +41,49 @@ bool SpreadInBounds(float s) {
   return s > fss_mag_effective_stdev_min && s < fss_mag_effective_stdev_max;
 }
 
+// The squared spacing for the spacing in force. The driver rewrites
+// dsc_mag_distance every sample, nearly always with the same value, so the
+// last answer is kept.
+float SquaredSpacing(float spacing) {
+  static uint32_t last_bits = 0;  // the bits of +0, whose answer is +0
+  static float last_squared = 0.0f;
+  uint32_t bits;
+  memcpy(&bits, &spacing, sizeof bits);
+  if (bits != last_bits) {
+    last_bits = bits;
+    last_squared = qvn::SquaredLimit(spacing);
+  }
+  return last_squared;
+}
+
+// True when some stored sample lies closer than the spacing to p. The
+// squared distance is formed exactly as (dx*dx + dy*dy) + dz*dz and
+// compared with the squared spacing, which decides every sample as
+// sqrtf(d2) < spacing does; eight samples are tested per round.
+bool AnyStoredWithin(int16_t n, float px, float py, float pz, float spacing) {
+  using qvn::simd::F4;
+  const float limit = SquaredSpacing(spacing);
+  const F4 vx = qvn::simd::Splat(px), vy = qvn::simd::Splat(py), vz = qvn::simd::Splat(pz);
+  const F4 vlimit = qvn::simd::Splat(limit);
+  const float *xs = dsc_data_mag[0], *ys = dsc_data_mag[1], *zs = dsc_data_mag[2];
+  int16_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    const F4 dx0 = qvn::simd::Load(xs + i) - vx, dx1 = qvn::simd::Load(xs + i + 4) - vx;
+    const F4 dy0 = qvn::simd::Load(ys + i) - vy, dy1 = qvn::simd::Load(ys + i + 4) - vy;
+    const F4 dz0 = qvn::simd::Load(zs + i) - vz, dz1 = qvn::simd::Load(zs + i + 4) - vz;
+    const F4 d0 = (dx0 * dx0 + dy0 * dy0) + dz0 * dz0;
+    const F4 d1 = (dx1 * dx1 + dy1 * dy1) + dz1 * dz1;
+    if (qvn::simd::Any((d0 < vlimit) | (d1 < vlimit))) return true;
+  }
+  for (; i < n; ++i) {
+    const float dx = xs[i] - px;
+    const float dy = ys[i] - py;
+    const float dz = zs[i] - pz;
+    if ((dx * dx + dy * dy) + dz * dz < limit) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 int16_t mag_is_effective(const float sample[3]) {
@@ -57,13 +102,10 @@ int16_t mag_is_effective(const float sample[3]) {
     *pre[a] = static_cast<float>(static_cast<double>(diff) * kReferenceGain +
                                  static_cast<double>(*pre[a]));
   }
+  // Rejected when any stored sample is nearer than the spacing; which one is
+  // found first does not matter, nothing else depends on it.
   const int16_t n = qvn::BatchCount(dsc_data_num);
-  for (int16_t i = 0; i < n; ++i) {
-    const float dx = dsc_data_mag[0][i] - dsc_pre_mag.x;
-    const float dy = dsc_data_mag[1][i] - dsc_pre_mag.y;
-    const float dz = dsc_data_mag[2][i] - dsc_pre_mag.z;
-    if (qvn_sqrt(dx * dx + dy * dy + dz * dz) < dsc_mag_distance) return 0;
-  }
+  if (AnyStoredWithin(n, dsc_pre_mag.x, dsc_pre_mag.y, dsc_pre_mag.z, dsc_mag_distance)) return 0;
   return 1;
 }
 
