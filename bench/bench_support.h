@@ -41,6 +41,14 @@ enum class CurrentFile { kAbsent, kPresent };
 // initialises through MAG_LIB_API_INTERFACE with the given hwGyro byte.
 void ResetLibrary(int8_t hw_gyro, Log log, CurrentFile current);
 
+// Until the next ResetLibrary, the library's battery-current read returns the
+// current it reads now, without opening the file: this executable defines
+// get_battery_current, which the library's call binds to (the library exports
+// it, like every routine), and that definition forwards to the library's own
+// routine at all other times. Aborts if the library no longer calls it
+// through its export.
+void ExcludeBatteryRead();
+
 // ---- the stream ----
 // A 60 s simulated recording (accelerometer and gyroscope at 100 Hz,
 // magnetometer at 50 Hz, a phone turning through all attitudes with a
