@@ -129,6 +129,11 @@ def host_seeds():
     yield 'nfc_logging_offsets', (b'\x80' + init(1, variant=1) + u8(LOG) + u8(1) + orbit() +
                                   offsets + init(1, variant=2 | 4) + orbit(samples=80) +
                                   ALL_GETTERS + init(0, variant=3 | 8) + orbit(samples=60))
+    filters = b''.join(tunable(n, i16(v)) for n, v in (
+        ('g_dri_filter_set', 1), ('g_enable_mag_kalman_filter', 3), ('g_radc', 1),
+        ('g_enable_softGyro_rv', 2), ('normal_threshold_control', 1)))
+    yield 'drift_filter_and_modes', (b'\x00' + filters + init(0) + filters + orbit() +
+                                     orbit(step_ms=100, samples=120) + ALL_GETTERS)
     yield 'odd_hw_gyro', (b'\x02' + orbit(samples=60) + init(-1 & 0xFF) + orbit(samples=60) +
                           init(2, variant=12) + orbit(samples=60) + ALL_GETTERS)
 
