@@ -15,6 +15,7 @@
 #include "cali/cali.h"
 #include "common/log.h"
 #include "math/math.h"
+#include "math/simd.h"
 
 namespace {
 
@@ -42,6 +43,56 @@ void ZeroLeadingBlock(float *m) {
   }
 }
 
+// The thirteen sums of the normal equations over the batch.
+struct SphereSums {
+  float sxx, syy, szz, sxy, sxz, syz, sx, sy, sz, bx, by, bz, br;
+};
+
+// Every sum is a float sum in sample order starting from +0, as the fit was
+// tuned. Four samples at a time: their per-sample terms are formed lane-wise
+// (lane = sample), transposed so that each lane holds one sum, and added to
+// those sums one sample after the other, so each sum sees exactly the
+// additions of the plain loop in the same order. A batch that is not a
+// multiple of four is padded with samples whose terms are +0: a sum that
+// starts at +0 can never be -0, and adding +0 to anything else leaves it as
+// it is.
+SphereSums SumSamples(const float *x, const float *y, const float *z, int16_t count) {
+  using qvn::simd::F4;
+  F4 squares = {0.0f, 0.0f, 0.0f, 0.0f};  // sxx, syy, szz, sxy
+  F4 mixed = squares;                     // sxz, syz, sx, sy
+  F4 radial = squares;                    // sz, bx, by, bz
+  float br = 0.0f;
+  for (int16_t i = 0; i < count; i += 4) {
+    F4 vx, vy, vz;
+    if (i + 4 <= count) {
+      vx = qvn::simd::Load(x + i);
+      vy = qvn::simd::Load(y + i);
+      vz = qvn::simd::Load(z + i);
+    } else {
+      float px[4] = {0.0f, 0.0f, 0.0f, 0.0f}, py[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+      float pz[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+      for (int16_t k = 0; k < count - i; ++k) px[k] = x[i + k], py[k] = y[i + k], pz[k] = z[i + k];
+      vx = qvn::simd::Load(px);
+      vy = qvn::simd::Load(py);
+      vz = qvn::simd::Load(pz);
+    }
+    const F4 xx = vx * vx, yy = vy * vy, zz = vz * vz;
+    const F4 r2 = (xx + yy) + zz;  // x*x + y*y + z*z, left to right
+    F4 a0 = xx, a1 = yy, a2 = zz, a3 = vx * vy;
+    F4 b0 = vx * vz, b1 = vy * vz, b2 = vx, b3 = vy;
+    F4 c0 = vz, c1 = vx * r2, c2 = vy * r2, c3 = vz * r2;
+    qvn::simd::Transpose(a0, a1, a2, a3);
+    qvn::simd::Transpose(b0, b1, b2, b3);
+    qvn::simd::Transpose(c0, c1, c2, c3);
+    squares += a0, mixed += b0, radial += c0, br += r2[0];
+    squares += a1, mixed += b1, radial += c1, br += r2[1];
+    squares += a2, mixed += b2, radial += c2, br += r2[2];
+    squares += a3, mixed += b3, radial += c3, br += r2[3];
+  }
+  return {squares[0], squares[1], squares[2], squares[3], mixed[0], mixed[1], mixed[2],
+          mixed[3],   radial[0],  radial[1],  radial[2],  radial[3], br};
+}
+
 }  // namespace
 
 int16_t calculate_sphere_offset(const float *x, const float *y, const float *z, int16_t n,
@@ -50,28 +101,9 @@ int16_t calculate_sphere_offset(const float *x, const float *y, const float *z, 
   ZeroLeadingBlock(invDM);
   const int16_t count = qvn::BatchCount(n);
 
-  // One pass in sample order; every sum is float, as the fit was tuned.
-  float sxx = 0.0f, syy = 0.0f, szz = 0.0f, sxy = 0.0f, sxz = 0.0f, syz = 0.0f;
-  float sx = 0.0f, sy = 0.0f, sz = 0.0f;
-  float bx = 0.0f, by = 0.0f, bz = 0.0f, br = 0.0f;
-  for (int16_t i = 0; i < count; ++i) {
-    const float xi = x[i], yi = y[i], zi = z[i];
-    const float r2 = xi * xi + yi * yi + zi * zi;
-    sxx += xi * xi;
-    syy += yi * yi;
-    szz += zi * zi;
-    sxy += xi * yi;
-    sxz += xi * zi;
-    syz += yi * zi;
-    sx += xi;
-    sy += yi;
-    sz += zi;
-    bx += xi * r2;
-    by += yi * r2;
-    bz += zi * r2;
-    br += r2;
-  }
-
+  const SphereSums s = SumSamples(x, y, z, count);
+  const float sxx = s.sxx, syy = s.syy, szz = s.szz, sxy = s.sxy, sxz = s.sxz, syz = s.syz;
+  const float sx = s.sx, sy = s.sy, sz = s.sz, bx = s.bx, by = s.by, bz = s.bz, br = s.br;
   const float normal[kOrder][kOrder] = {{sxx, sxy, sxz, -sx},
                                         {sxy, syy, syz, -sy},
                                         {sxz, syz, szz, -sz},

@@ -31,6 +31,19 @@ inline F4 Splat(float f) { return F4{f, f, f, f}; }
 
 inline bool Any(M4 m) { return (m[0] | m[1] | m[2] | m[3]) != 0; }
 
+// Rows a, b, c, d become columns: on return a = {a0, b0, c0, d0},
+// b = {a1, b1, c1, d1}, and so on. Moves bits only.
+inline void Transpose(F4 &a, F4 &b, F4 &c, F4 &d) {
+  const F4 t0 = __builtin_shufflevector(a, b, 0, 4, 1, 5);
+  const F4 t1 = __builtin_shufflevector(a, b, 2, 6, 3, 7);
+  const F4 t2 = __builtin_shufflevector(c, d, 0, 4, 1, 5);
+  const F4 t3 = __builtin_shufflevector(c, d, 2, 6, 3, 7);
+  a = __builtin_shufflevector(t0, t2, 0, 1, 4, 5);
+  b = __builtin_shufflevector(t0, t2, 2, 3, 6, 7);
+  c = __builtin_shufflevector(t1, t3, 0, 1, 4, 5);
+  d = __builtin_shufflevector(t1, t3, 2, 3, 6, 7);
+}
+
 }  // namespace simd
 }  // namespace qvn
 
