@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -26,6 +27,20 @@ SensorEvent ToSensorEvent(const Event &e) {
   s.z = static_cast<float>(e.z);
   s.accuracy = kHostSampleStatus;
   return s;
+}
+
+// The attitude outputs of a step (the three-value outputs that are not
+// attitudes do not take part).
+bool AllFinite(const StepRow &r, bool with_qfusion) {
+  for (int k : {kOrientation, kRotationVector, kGeoMagnetic}) {
+    for (float v : r.fusion[k].values) {
+      if (!std::isfinite(v)) return false;
+    }
+  }
+  for (float v : r.qfusion) {
+    if (with_qfusion && !std::isfinite(v)) return false;
+  }
+  return true;
 }
 
 class ProgressBar {
@@ -86,6 +101,17 @@ void WarnAboutInput(const std::string &path, const std::vector<Event> &events, i
   }
 }
 
+void CutEvents(std::vector<Event> *events, double from_s, double to_s) {
+  if (events->empty() || (from_s <= 0 && to_s < 0)) return;
+  int64_t t0 = events->front().t_ns;
+  std::vector<Event> kept;
+  for (const Event &e : *events) {
+    double s = static_cast<double>(e.t_ns - t0) / 1e9;
+    if (s >= from_s && (to_s < 0 || s < to_s)) kept.push_back(e);
+  }
+  events->swap(kept);
+}
+
 bool RunReplay(const Library &lib, const std::vector<Event> &events, const ReplayConfig &config,
                std::vector<StepRow> *rows, ReplayCounts *counts, std::string *error) {
   const QvnLibApiTable &api = lib.api();
@@ -98,6 +124,8 @@ bool RunReplay(const Library &lib, const std::vector<Event> &events, const Repla
   getters[kLinearAccel] = api.QVN_FusionGetLinearaccel;
   getters[kVirtualGyro] = api.QVN_FusionGetVirtualGyro;
 
+  const float *qfusion = static_cast<const float *>(lib.Symbol("Qfusion"));
+  float *orient_pre = static_cast<float *>(lib.Symbol("orient_pre"));
   ProgressBar bar(config.progress, events.size());
   bool seen_mag = false;
   for (size_t i = 0; i < events.size(); ++i) {
@@ -130,7 +158,15 @@ bool RunReplay(const Library &lib, const std::vector<Event> &events, const Repla
         api.QVN_CaliApiSetMagData(&s);
         api.QVN_DoCaliAPI(&s, &row.cal);
         for (int k = 0; k < kFusionOutputCount; ++k) getters[k](&row.fusion[k]);
+        for (int k = 0; k < 4; ++k) row.qfusion[k] = qfusion != nullptr ? qfusion[k] : NAN;
         rows->push_back(row);
+        if (config.reinit_on_nan && config.reinitialise && !AllFinite(row, qfusion != nullptr)) {
+          if (counts->reinits++ == 0) counts->first_reinit_ns = e.t_ns;
+          config.reinitialise();
+          // Initialisation leaves the azimuth moving average's memory alone; a
+          // NaN there would keep the orientation NaN and re-initialise forever.
+          if (orient_pre != nullptr && !std::isfinite(orient_pre[0])) orient_pre[0] = 0.0f;
+        }
         break;
       }
     }

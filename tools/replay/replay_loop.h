@@ -34,6 +34,7 @@ struct StepRow {
   float raw[3];
   CaliResult cal;
   FusionEvent fusion[kFusionOutputCount];
+  float qfusion[4];  // the attitude quaternion (w, x, y, z) read by name, NaN if not exported
 };
 
 struct ReplayConfig {
@@ -44,11 +45,18 @@ struct ReplayConfig {
   std::function<bool(int64_t current, std::string *error)> on_current;
   // Draw a progress bar on stderr.
   bool progress = false;
+  // After a step whose outputs are not finite, call reinitialise (the host's
+  // other remedy for a NaN attitude: QVN_CaliInitLib again) and reset a NaN
+  // azimuth memory of the moving average (orient_pre[0] = 0).
+  bool reinit_on_nan = false;
+  std::function<void()> reinitialise;
 };
 
 struct ReplayCounts {
   size_t per_sensor[4] = {0, 0, 0, 0};  // indexed by Sensor
   size_t skipped_gyro = 0;
+  size_t reinits = 0;           // re-initialisations after outputs that were not finite
+  int64_t first_reinit_ns = 0;  // time of the first of them
 };
 
 // Prints warnings about inputs that the library handles as designed but that
@@ -56,6 +64,10 @@ struct ReplayCounts {
 // with a hardware gyroscope, gyroscope events before the first magnetometer one.
 void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
                     bool skip_early_gyro, FILE *out);
+
+// Keeps the events from from_s to to_s seconds after the first one (to_s < 0:
+// to the end).
+void CutEvents(std::vector<Event> *events, double from_s, double to_s);
 
 // Replays events in file order: acc -> SetAccelData; gyr -> SetGyroData;
 // mag -> SetMagData, DoCaliAPI, then every getter. Initialisation is the

@@ -12,10 +12,6 @@ namespace qvn_tools {
 namespace {
 
 constexpr double kNsPerS = 1e9;
-// Steps are scored only while the screen faces up within 60 degrees of flat:
-// beyond that the azimuth conventions (face-down branch, pitch fold) of
-// compass outputs differ and the y axis may be near vertical.
-constexpr double kMinScreenUp = 0.5;  // cos 60 deg
 constexpr size_t kMaxTimelineEntries = 12;
 
 struct MeanSpread {
@@ -88,42 +84,6 @@ void PrintOffsetTruth(const SummaryInput &in, FILE *out, const float hdi[3]) {
 }
 
 }  // namespace
-
-HeadingStats ScoreHeading(const std::vector<StepRow> &rows, size_t first,
-                          const OrientationTruth &gt) {
-  HeadingStats h;
-  std::vector<double> err;
-  for (size_t i = first; i < rows.size(); ++i) {
-    Quat q;
-    double az = rows[i].fusion[kOrientation].values[0];
-    if (!std::isfinite(az) || !gt.At(rows[i].t_ns, &q)) continue;
-    if (Rotate(q, {0, 0, 1}).z < kMinScreenUp) {
-      h.skipped_steep++;
-      continue;
-    }
-    err.push_back(WrapDeg(az - AzimuthDeg(q)));
-  }
-  h.compared = err.size();
-  if (err.empty()) return h;
-  double c = 0, s = 0;
-  for (double e : err) {
-    c += std::cos(e / kDegPerRad);
-    s += std::sin(e / kDegPerRad);
-  }
-  h.mean_deg = std::atan2(s, c) * kDegPerRad;
-  std::vector<double> abs_err;
-  double sq = 0;
-  for (double e : err) {
-    double r = WrapDeg(e - h.mean_deg);
-    sq += r * r;
-    abs_err.push_back(std::fabs(r));
-  }
-  h.rms_deg = std::sqrt(sq / static_cast<double>(err.size()));
-  h.median_abs_deg = Percentile(abs_err, 0.5);
-  h.p95_abs_deg = Percentile(abs_err, 0.95);
-  h.max_abs_deg = *std::max_element(abs_err.begin(), abs_err.end());
-  return h;
-}
 
 void PrintSummary(const SummaryInput &in, FILE *out) {
   const std::vector<StepRow> &rows = *in.rows;
@@ -244,18 +204,15 @@ void PrintSummary(const SummaryInput &in, FILE *out) {
                  in.hw_gyro == 1 ? "; see the --hw-gyro 1 warning on stderr" : "");
     break;
   }
-  if (in.gt != nullptr && !in.gt->empty()) {
-    size_t from = adopted < rows.size() ? adopted : 0;
-    HeadingStats h = ScoreHeading(rows, from, *in.gt);
-    std::fprintf(out, "%-20svs %s, %zu steps from %s (%zu tilted over 60 deg skipped)\n",
-                 "heading error", in.gt_path.c_str(), h.compared,
-                 adopted < rows.size() ? "the first adoption" : "the start", h.skipped_steep);
-    if (h.compared > 0) {
-      std::fprintf(out,
-                   "%-20sconstant part %+.1f deg; around it RMS %.1f, median %.1f, 95%% %.1f, "
-                   "max %.1f deg\n",
-                   "", h.mean_deg, h.rms_deg, h.median_abs_deg, h.p95_abs_deg, h.max_abs_deg);
-    }
+  if (in.counts.reinits > 0) {
+    std::fprintf(out,
+                 "%-20s%zu re-initialisations after outputs that were not finite, the first "
+                 "at +%.2f s\n",
+                 "remedy", in.counts.reinits, Seconds(in.counts.first_reinit_ns, t0));
+  }
+  if (in.accuracy != nullptr) {
+    std::fprintf(out, "%-20s%s\n", "ground truth", in.gt_path.c_str());
+    PrintAccuracy(*in.accuracy, t0, out);
   }
 }
 

@@ -6,10 +6,12 @@
 // w_body = 2 * vec(q(t-h)^-1 * q(t+h)) / (2h), exact to O(h^2).
 #include "simulate/motion.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
 #include "core/event_csv.h"
+#include "simulate/walk.h"
 
 namespace qvn_tools {
 namespace {
@@ -21,6 +23,8 @@ constexpr double kFigure8RollAmpRad = 2.0;    // about 115 degrees: the screen t
 constexpr double kTableDefaultRateDegS = 45.0;
 constexpr double kTablePauseS = 1.0;
 constexpr double kRateStepS = 1e-4;
+constexpr double kAccelStepS = 2e-3;
+constexpr double kWalkDefaultTurnEveryS = 8.0;
 
 const V3 kX{1, 0, 0}, kY{0, 1, 0}, kZ{0, 0, 1};
 
@@ -82,12 +86,17 @@ bool ParseMotion(const std::string &text, std::vector<Segment> *out, std::string
       s.kind = Segment::kTable;
       s.param = kTableDefaultRateDegS;
       ok = parts.size() == 2 || (ParseDouble(parts[2], &s.param) && s.param > 0);
+    } else if (ok && (parts[0] == "walk" || parts[0] == "swing")) {
+      s.kind = parts[0] == "walk" ? Segment::kWalk : Segment::kSwing;
+      s.param = kWalkDefaultTurnEveryS;
+      ok = parts.size() == 2 || (ParseDouble(parts[2], &s.param) && s.param > 0);
     } else {
       ok = false;
     }
     if (!ok) {
       *error = "bad motion segment '" + seg +
-               "' (expected still:S, figure8:S[:PERIOD], level:S or table:S[:DEG_PER_S])";
+               "' (expected still:S, figure8:S[:PERIOD], level:S, table:S[:DEG_PER_S], "
+               "walk:S[:TURN_EVERY_S] or swing:S[:TURN_EVERY_S])";
       out->clear();
       return false;
     }
@@ -127,8 +136,28 @@ Quat Motion::Within(size_t k, double tau) const {
       return Nlerp(q0, Flattened(q0), SmoothStep(tau / s.duration_s));
     case Segment::kTable:
       return Normalized(Mul(AxisAngle(kZ, TableAngle(tau, s.param)), q0));
+    case Segment::kWalk:
+    case Segment::kSwing:
+      return WalkAttitude(s.kind == Segment::kWalk ? Carry::kInFront : Carry::kSwinging, q0, tau,
+                          s.param);
   }
   return q0;
+}
+
+V3 Motion::Position(double t) const {
+  if (segments_.empty() || t <= 0) return {0, 0, 0};
+  size_t k = 0;
+  while (k + 1 < segments_.size() && t >= start_[k + 1]) ++k;
+  const Segment &s = segments_[k];
+  double tau = std::min(t - start_[k], s.duration_s);
+  if (s.kind != Segment::kWalk && s.kind != Segment::kSwing) return {0, 0, 0};
+  return WalkPosition(s.kind == Segment::kWalk ? Carry::kInFront : Carry::kSwinging, q0_[k], tau,
+                      s.duration_s, s.param);
+}
+
+V3 Motion::Acceleration(double t) const {
+  V3 d = Position(t + kAccelStepS) - 2.0 * Position(t) + Position(t - kAccelStepS);
+  return (1.0 / (kAccelStepS * kAccelStepS)) * d;
 }
 
 Quat Motion::At(double t) const {

@@ -10,6 +10,9 @@
 //   level:S            eases the phone back to flat, keeping its heading
 //   table:S[:R]        turns on a table about the vertical: 90-degree turns at
 //                      R deg/s (default 45), each followed by a 1 s pause
+//   walk:S[:T]         walking with the phone held in front for reading, a turn
+//                      every T seconds (default 8); see walk.h
+//   swing:S[:T]        walking with the phone swinging in the hand
 // The phone starts flat, screen up, its y axis pointing north.
 #ifndef QVNLIB_TOOLS_SIMULATE_MOTION_H
 #define QVNLIB_TOOLS_SIMULATE_MOTION_H
@@ -22,9 +25,9 @@
 namespace qvn_tools {
 
 struct Segment {
-  enum Kind { kStill, kFigure8, kLevel, kTable } kind;
+  enum Kind { kStill, kFigure8, kLevel, kTable, kWalk, kSwing } kind;
   double duration_s;
-  double param;  // figure8: period s; table: turn rate deg/s
+  double param;  // figure8: period s; table: turn rate deg/s; walk, swing: s between turns
 };
 
 // Parses a motion description; on failure names the faulty segment.
@@ -38,9 +41,13 @@ class Motion {
   Quat At(double t) const;
   // Angular rate in the phone's frame, rad/s (what an ideal gyroscope reads).
   V3 BodyRate(double t) const;
+  // Acceleration of the phone in the world frame, m/s^2, gravity excluded
+  // (zero except while walking).
+  V3 Acceleration(double t) const;
 
  private:
   Quat Within(size_t k, double tau) const;
+  V3 Position(double t) const;
   std::vector<Segment> segments_;
   std::vector<double> start_;  // start time of each segment
   std::vector<Quat> q0_;       // orientation at the start of each segment

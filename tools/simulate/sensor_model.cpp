@@ -87,7 +87,11 @@ void Simulate(const Motion &motion, const SimConfig &c, std::vector<Event> *even
   };
 
   for (int64_t t : SampleTimes(c.start_ns, c.rate_acc_hz, dur)) {
-    V3 a = add_noise(kGravity * RotateInverse(motion.At(seconds(t)), {0, 0, 1}), c.noise_acc);
+    // A phone at rest reads +g up; walking adds the phone's own acceleration.
+    Quat q = motion.At(seconds(t));
+    V3 a = add_noise(
+        kGravity * RotateInverse(q, {0, 0, 1}) + RotateInverse(q, motion.Acceleration(seconds(t))),
+        c.noise_acc);
     events->push_back({t, Sensor::kAcc, a.x, a.y, a.z, 0});
   }
   for (int64_t t : SampleTimes(c.start_ns, c.rate_gyr_hz, dur)) {

@@ -1,6 +1,7 @@
 // What a phone's sensors report along a motion.
 //
-//   acc = R^T * (0, 0, g) + n_a                       m/s^2 (a phone at rest reads +g up)
+//   acc = R^T * ((0, 0, g) + a(t)) + n_a              m/s^2 (a phone at rest reads +g up;
+//                                                     a(t) its acceleration while walking)
 //   gyr = w_body + bias + n_g                         rad/s
 //   mag = W * (R^T * B_earth) + offset + d(t) + c(t) + n_m   uT (uncalibrated)
 //

@@ -1,0 +1,181 @@
+// Evaluating a tunable set on a part of a recording in a forked child.
+#include "tune/evaluate.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+#include "replay/replay_loop.h"
+
+namespace qvn_tools {
+namespace {
+
+constexpr double kNsPerS = 1e9;
+constexpr unsigned kChildTimeLimitS = 300;  // a replay takes well under a second
+
+static_assert(std::is_trivially_copyable_v<PartResult>, "PartResult crosses a pipe as bytes");
+
+std::string Beside(const std::string &events, const char *name) {
+  size_t slash = events.rfind('/');
+  return (slash == std::string::npos ? std::string() : events.substr(0, slash + 1)) + name;
+}
+
+void ApplyAll(const Library &lib, const std::vector<Assignment> &a,
+              const std::vector<Assignment> &b) {
+  for (const auto *set : {&a, &b}) {
+    for (const Assignment &s : *set) {
+      if (void *p = lib.Symbol(s.info->name)) Apply(s, p);
+    }
+  }
+}
+
+// The child's work: the replay exactly as qvn_replay makes it, then the scores.
+PartResult RunInChild(const EvalSetup &setup, const std::vector<Assignment> &candidate,
+                      const Part &part) {
+  const Library &lib = *setup.lib;
+  ChipInfo chip;
+  std::memset(&chip, 0, sizeof chip);
+  chip.hwGyro = static_cast<int8_t>(setup.hw_gyro);
+  ApplyAll(lib, setup.base, candidate);
+  lib.api().QVN_CaliInitLib(&chip);
+  ApplyAll(lib, setup.base, candidate);
+  lib.api().QVN_FusionEnableLib(1);
+  ReplayConfig config;
+  config.skip_early_gyro = setup.skip_early_gyro;
+  SysfsFolder *folder = setup.folder;
+  config.on_current = [folder](int64_t current, std::string *why) {
+    return folder == nullptr || folder->SetCurrent(current, why);
+  };
+  std::vector<StepRow> rows;
+  ReplayCounts counts;
+  std::string error;
+  PartResult r;
+  if (!RunReplay(lib, part.events, config, &rows, &counts, &error)) {
+    std::fprintf(stderr, "qvn_tune: %s\n", error.c_str());
+    return r;
+  }
+  AccuracyOptions ao;
+  ao.hw_gyro = setup.hw_gyro;
+  ao.from_ns = part.t0_ns + static_cast<int64_t>(part.warmup_s * kNsPerS);
+  ao.with_lag = false;
+  AccuracyReport rep = ScoreRun(rows, part.truth, ao);
+  for (int k = 0; k < kScoredCount; ++k) {
+    r.constant[k] = rep.out[k].constant;
+    r.stats[k] = rep.out[k].stats;
+  }
+  r.ok = true;
+  return r;
+}
+
+}  // namespace
+
+bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::string *error) {
+  Part p;
+  p.spec = spec;
+  p.warmup_s = default_warmup_s;
+  std::vector<std::string> f = SplitCsvLine(spec);
+  p.path = f.empty() ? std::string() : f[0];
+  for (size_t k = 1; k < f.size(); ++k) {
+    size_t eq = f[k].find('=');
+    std::string key = f[k].substr(0, eq),
+                value = eq == std::string::npos ? "" : f[k].substr(eq + 1);
+    double *d = key == "from"          ? &p.from_s
+                : key == "to"          ? &p.to_s
+                : key == "gt-shift-ms" ? &p.gt_shift_ms
+                : key == "warmup"      ? &p.warmup_s
+                                       : nullptr;
+    if (key == "gt") {
+      p.gt_path = value;
+    } else if (d == nullptr || !ParseDouble(value, d)) {
+      *error = "recording '" + spec + "': bad item '" + f[k] +
+               "' (from=S, to=S, gt=FILE, gt-shift-ms=MS, warmup=S)";
+      return false;
+    }
+  }
+  if (p.path.empty() || (p.to_s >= 0 && p.to_s <= p.from_s)) {
+    *error = "recording '" + spec + "': needs a path and to > from";
+    return false;
+  }
+  if (p.gt_path.empty()) p.gt_path = Beside(p.path, "gt.csv");
+  if (!ReadEventCsv(p.path, &p.events, error) || !p.truth.Load(p.gt_path, error)) return false;
+  CutEvents(&p.events, p.from_s, p.to_s);
+  if (p.events.empty()) {
+    *error = "recording '" + spec + "': no events in the span";
+    return false;
+  }
+  if (p.gt_shift_ms != 0) p.truth.Shift(static_cast<int64_t>(p.gt_shift_ms * 1e6));
+  p.t0_ns = p.events.front().t_ns;
+  size_t cut = p.path.rfind('/');
+  cut = cut == std::string::npos || cut == 0 ? std::string::npos : p.path.rfind('/', cut - 1);
+  p.label = cut == std::string::npos ? p.path : p.path.substr(cut + 1);
+  char span[64];
+  if (p.to_s < 0) {
+    std::snprintf(span, sizeof span, " %g-end s", p.from_s);
+  } else {
+    std::snprintf(span, sizeof span, " %g-%g s", p.from_s, p.to_s);
+  }
+  p.label += span;
+  *out = std::move(p);
+  return true;
+}
+
+std::string ReplayArguments(const Part &p) {
+  char buf[160];
+  std::string s;
+  if (p.from_s > 0) std::snprintf(buf, sizeof buf, " --from %g", p.from_s), s += buf;
+  if (p.to_s >= 0) std::snprintf(buf, sizeof buf, " --to %g", p.to_s), s += buf;
+  if (p.gt_shift_ms != 0)
+    std::snprintf(buf, sizeof buf, " --gt-shift-ms %g", p.gt_shift_ms), s += buf;
+  std::snprintf(buf, sizeof buf, " --warmup %g --gt ", p.warmup_s);
+  return s + buf + p.gt_path + " " + p.path;
+}
+
+PartResult EvaluatePart(const EvalSetup &setup, const std::vector<Assignment> &candidate,
+                        const Part &part) {
+  PartResult result;
+  int fd[2];
+  if (pipe(fd) != 0) return result;
+  std::fflush(nullptr);  // nothing buffered is written twice
+  pid_t pid = fork();
+  if (pid < 0) {
+    close(fd[0]);
+    close(fd[1]);
+    return result;
+  }
+  if (pid == 0) {
+    close(fd[0]);
+    alarm(kChildTimeLimitS);
+    PartResult r = RunInChild(setup, candidate, part);
+    const char *p = reinterpret_cast<const char *>(&r);
+    size_t left = sizeof r;
+    while (left > 0) {
+      ssize_t n = write(fd[1], p, left);
+      if (n <= 0) _exit(1);
+      p += n;
+      left -= static_cast<size_t>(n);
+    }
+    _exit(0);
+  }
+  close(fd[1]);
+  PartResult r;
+  char *p = reinterpret_cast<char *>(&r);
+  size_t got = 0;
+  while (got < sizeof r) {
+    ssize_t n = read(fd[0], p + got, sizeof r - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got += static_cast<size_t>(n);
+  }
+  close(fd[0]);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (got == sizeof r && WIFEXITED(status) && WEXITSTATUS(status) == 0) result = r;
+  return result;
+}
+
+}  // namespace qvn_tools
