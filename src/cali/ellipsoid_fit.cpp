@@ -21,8 +21,14 @@
 #include "cali/cali.h"
 #include "common/log.h"
 #include "math/math.h"
+#include "cali/normal_equations.h"
 
 namespace {
+
+using qvn::normal::OuterSums;
+using qvn::normal::QuadricTerms;
+using qvn::normal::ShapeTerms;
+using qvn::normal::Solution;
 
 constexpr int kStride = 9;          // row stride of DM / invDM
 constexpr int kQuadricTerms = 9;    // unknowns of the general ellipsoid
@@ -53,33 +59,6 @@ constexpr int16_t kStageDone = 555;
 constexpr int16_t kMinEllipsoidOdr = 11;  // Hz; below it only the sphere is fitted
 constexpr int16_t kFullAccuracy = 3;
 
-// Quadric terms of one centred sample: x^2, y^2, z^2, 2xy, 2xz, 2yz.
-void ShapeTerms(float x, float y, float z, float w[kShapeTerms]) {
-  w[0] = x * x;
-  w[1] = y * y;
-  w[2] = z * z;
-  w[3] = 2.0f * x * y;
-  w[4] = 2.0f * x * z;
-  w[5] = 2.0f * y * z;
-}
-
-// DM += v v^T over the leading k x k block.
-void AddOuter(const float *v, int k) {
-  for (int i = 0; i < k; ++i) {
-    for (int j = 0; j < k; ++j) DM[kStride * i + j] += v[i] * v[j];
-  }
-}
-
-// p_i += (row i of invDM) . v; one sample's dot product is added at a time,
-// the sum of the v is never formed (it would round differently).
-void AddSolution(const float *v, int k, float *p) {
-  for (int i = 0; i < k; ++i) {
-    float dot = 0.0f;
-    for (int j = 0; j < k; ++j) dot += invDM[kStride * i + j] * v[j];
-    p[i] += dot;
-  }
-}
-
 }  // namespace
 
 int16_t calculate_magnetic_sfi_hdi(const float *x, const float *y, const float *z, uint16_t n,
@@ -90,22 +69,17 @@ int16_t calculate_magnetic_sfi_hdi(const float *x, const float *y, const float *
   for (float &e : DM) e = 0.0f;
 
   // Stage 1: general ellipsoid, least squares of v^T p = 1.
-  float v[kQuadricTerms];
-  for (int s = 0; s < count; ++s) {
-    ShapeTerms(x[s], y[s], z[s], v);
-    v[6] = 2.0f * x[s];
-    v[7] = 2.0f * y[s];
-    v[8] = 2.0f * z[s];
-    AddOuter(v, kQuadricTerms);
+  {
+    OuterSums<kQuadricTerms> sums;
+    for (int s = 0; s < count; ++s) sums.Add(QuadricTerms(x[s], y[s], z[s]));
+    sums.Store();
   }
   if (inverse_matrix(DM, invDM, kQuadricTerms) == 0) return kFitSingular;
-  float p[kQuadricTerms] = {0.0f};
-  for (int s = 0; s < count; ++s) {
-    ShapeTerms(x[s], y[s], z[s], v);
-    v[6] = 2.0f * x[s];
-    v[7] = 2.0f * y[s];
-    v[8] = 2.0f * z[s];
-    AddSolution(v, kQuadricTerms, p);
+  float p[kQuadricTerms];
+  {
+    Solution<kQuadricTerms> solution;
+    for (int s = 0; s < count; ++s) solution.Add(QuadricTerms(x[s], y[s], z[s]));
+    solution.Result(p);
   }
 
   // Stage 2: centre = -Q^-1 (p6, p7, p8), subtracted term by term from zero.
@@ -122,20 +96,23 @@ int16_t calculate_magnetic_sfi_hdi(const float *x, const float *y, const float *
     hdi[i] = centre[i];
   }
 
-  // Stage 3: pure quadric about the centre.
-  for (int i = 0; i < kShapeTerms; ++i) {
-    for (int j = 0; j < kShapeTerms; ++j) DM[kStride * i + j] = 0.0f;
-  }
-  float w[kShapeTerms];
-  for (int s = 0; s < count; ++s) {
-    ShapeTerms(x[s] - centre[0], y[s] - centre[1], z[s] - centre[2], w);
-    AddOuter(w, kShapeTerms);
+  // Stage 3: pure quadric about the centre, in the leading 6 x 6 block (the
+  // rest of DM keeps the first stage's sums).
+  {
+    OuterSums<kShapeTerms> sums;
+    for (int s = 0; s < count; ++s) {
+      sums.Add(ShapeTerms(x[s] - centre[0], y[s] - centre[1], z[s] - centre[2]));
+    }
+    sums.Store();
   }
   if (inverse_matrix(DM, invDM, kShapeTerms) == 0) return kFitSingular;
-  float q[kShapeTerms] = {0.0f};
-  for (int s = 0; s < count; ++s) {
-    ShapeTerms(x[s] - centre[0], y[s] - centre[1], z[s] - centre[2], w);
-    AddSolution(w, kShapeTerms, q);
+  float q[kShapeTerms];
+  {
+    Solution<kShapeTerms> solution;
+    for (int s = 0; s < count; ++s) {
+      solution.Add(ShapeTerms(x[s] - centre[0], y[s] - centre[1], z[s] - centre[2]));
+    }
+    solution.Result(q);
   }
 
   // Factor M = S^T S from the bottom-right corner up. Each "<= 0" test is

@@ -60,6 +60,70 @@ void SphereNormal(const Batch &b, float m[16], float rhs[4]) {
   rhs[0] = bx, rhs[1] = by, rhs[2] = bz, rhs[3] = -br;
 }
 
+// The ellipsoid fit written as its definition reads: each sample's outer
+// product added into the whole matrix, each sample's dot products added to
+// the solution, through the library's own inversion. Returns the fit's code;
+// dm and inv receive the work matrices as they are left.
+int16_t EllipsoidReference(const Batch &b, float hdi[3], float sfi[9], float *scale, float dm[81],
+                           float inv[81]) {
+  memset(dm, 0, sizeof(float) * 81);
+  memcpy(inv, invDM, sizeof(float) * 81);  // the inversion leaves the rest untouched
+  auto terms = [](float x, float y, float z, float v[9]) {
+    const float t[9] = {x * x, y * y, z * z, 2.0f * x * y, 2.0f * x * z, 2.0f * y * z,
+                        2.0f * x, 2.0f * y, 2.0f * z};
+    memcpy(v, t, sizeof t);
+  };
+  auto outer = [&](const float *v, int k) {
+    for (int i = 0; i < k; ++i) {
+      for (int j = 0; j < k; ++j) dm[9 * i + j] += v[i] * v[j];
+    }
+  };
+  auto solve = [&](const float *v, int k, float *p) {
+    for (int i = 0; i < k; ++i) {
+      float dot = 0.0f;
+      for (int j = 0; j < k; ++j) dot += inv[9 * i + j] * v[j];
+      p[i] += dot;
+    }
+  };
+  float v[9];
+  for (int s = 0; s < b.n; ++s) terms(b.x[s], b.y[s], b.z[s], v), outer(v, 9);
+  if (inverse_matrix(dm, inv, 9) == 0) return 2;
+  float p[9] = {0};
+  for (int s = 0; s < b.n; ++s) terms(b.x[s], b.y[s], b.z[s], v), solve(v, 9, p);
+  const float q3[9] = {p[0], p[3], p[4], p[3], p[1], p[5], p[4], p[5], p[2]};
+  for (int i = 0; i < 3; ++i) memcpy(dm + 9 * i, q3 + 3 * i, sizeof(float) * 3);
+  if (inverse_matrix(dm, inv, 3) == 0) return 2;
+  float c[3];
+  for (int i = 0; i < 3; ++i) {
+    c[i] = ((0.0f - inv[9 * i] * p[6]) - inv[9 * i + 1] * p[7]) - inv[9 * i + 2] * p[8];
+    hdi[i] = c[i];
+  }
+  for (int i = 0; i < 6; ++i) {
+    for (int j = 0; j < 6; ++j) dm[9 * i + j] = 0.0f;
+  }
+  for (int s = 0; s < b.n; ++s) terms(b.x[s] - c[0], b.y[s] - c[1], b.z[s] - c[2], v), outer(v, 6);
+  if (inverse_matrix(dm, inv, 6) == 0) return 2;
+  float q[6] = {0};
+  for (int s = 0; s < b.n; ++s) terms(b.x[s] - c[0], b.y[s] - c[1], b.z[s] - c[2], v), solve(v, 6, q);
+  sfi[1] = sfi[2] = sfi[5] = 0.0f;
+  if (q[2] <= 0.0f) return 3;
+  const float r = sqrtf(q[2]);
+  sfi[6] = q[4] / r, sfi[7] = q[5] / r, sfi[8] = r;
+  const float t = q[1] - q[5] * q[5] / q[2];
+  if (t <= 0.0f) return 3;
+  sfi[4] = sqrtf(t);
+  if (sfi[4] <= 0.0f) return 3;
+  sfi[3] = (q[3] - q[4] * q[5] / q[2]) / sfi[4];
+  const float u = q[0] - q[4] * q[4] / q[2] - sfi[3] * sfi[3];
+  if (u <= 0.0f) return 3;
+  sfi[0] = sqrtf(u);
+  const float det = sfi[0] * sfi[4] * sfi[8];
+  if (det <= 0.0f) return 3;
+  *scale = qvn_cbrt(1.0f / det);
+  for (int i = 0; i < 9; ++i) sfi[i] = sfi[i] * *scale;
+  return 0;
+}
+
 class FitKernels : public ::testing::TestWithParam<bool> {};
 
 TEST_P(FitKernels, SphereNormalEquationsAndResult) {
@@ -91,6 +155,26 @@ TEST_P(FitKernels, SphereNormalEquationsAndResult) {
       const float want_radius = sqrtf(r2);
       EXPECT_TRUE(SameBits(&radius, &want_radius, 1)) << "n " << n;
     }
+  }
+}
+
+TEST_P(FitKernels, EllipsoidWorkMatricesAndResult) {
+  qvn_test::Lcg rng(GetParam() ? 9 : 8);
+  for (int n = 1; n <= kCap; n += (n < 24 ? 1 : 11)) {
+    Batch b = MakeBatch(rng, n, GetParam());
+    // Stretch the cloud into an ellipsoid so that the matrix is not trivial.
+    for (int i = 0; i < n; ++i) b.y[i] = 0.8f * b.y[i], b.z[i] = 1.15f * b.z[i];
+    float want_hdi[3] = {0}, want_sfi[9] = {0}, want_scale = -1.0f, dm[81], inv[81];
+    const int16_t want = EllipsoidReference(b, want_hdi, want_sfi, &want_scale, dm, inv);
+    float hdi[3] = {0}, sfi[9] = {0}, scale = -1.0f;
+    const int16_t got = calculate_magnetic_sfi_hdi(b.x, b.y, b.z, static_cast<uint16_t>(n), hdi,
+                                                   sfi, &scale);
+    ASSERT_EQ(got, want) << "n " << n;
+    EXPECT_TRUE(SameBits(DM, dm, 81)) << "n " << n;
+    EXPECT_TRUE(SameBits(invDM, inv, 81)) << "n " << n;
+    EXPECT_TRUE(SameBits(hdi, want_hdi, 3)) << "n " << n;
+    EXPECT_TRUE(SameBits(sfi, want_sfi, 9)) << "n " << n;
+    EXPECT_TRUE(SameBits(&scale, &want_scale, 1)) << "n " << n;
   }
 }
 
