@@ -30,7 +30,10 @@ std::set<std::string> DefinedDynamicSymbols() {
     std::string s(buf);
     while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
     const size_t sp = s.rfind(' ');
-    names.insert(sp == std::string::npos ? s : s.substr(sp + 1));
+    const std::string name = (sp == std::string::npos) ? s : s.substr(sp + 1);
+    // AddressSanitizer adds its own one-definition-rule markers for globals.
+    if (name.rfind("__odr_asan", 0) == 0 || name.rfind("__asan", 0) == 0) continue;
+    names.insert(name);
   }
   pclose(p);
   return names;
