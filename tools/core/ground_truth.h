@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/geometry.h"
@@ -20,6 +21,12 @@ namespace qvn_tools {
 class OrientationTruth {
  public:
   bool Load(const std::string &path, std::string *error);
+  // Samples in time order (as a simulation makes them).
+  void SetSamples(const std::vector<std::pair<int64_t, Quat>> &samples) {
+    t_.clear();
+    q_.clear();
+    for (const auto &s : samples) t_.push_back(s.first), q_.push_back(Normalized(s.second));
+  }
   bool empty() const { return t_.empty(); }
   size_t size() const { return t_.size(); }
   // Orientation at t_ns (interpolated); false outside the covered time span

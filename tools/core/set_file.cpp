@@ -86,7 +86,7 @@ std::string SetFileText(const std::vector<Assignment> &set,
 std::string CSnippetText(const std::vector<Assignment> &set,
                          const std::vector<std::string> &comment) {
   std::string s = "/*\n" + Comment(comment, " * ") + " */\n";
-  s += "#include <dlfcn.h>\n#include <math.h>\n#include <stdint.h>\n\n";
+  s += "#include <dlfcn.h>\n#include <math.h>\n#include <stddef.h>\n#include <stdint.h>\n\n";
   s += "static void qvn_apply_tuned_set(void *lib) {\n  void *p;\n";
   for (const Assignment &a : set) {
     s += "  if ((p = dlsym(lib, \"" + std::string(a.info->name) + "\")) != NULL) {\n";

@@ -84,7 +84,8 @@ int main(int argc, char **argv) {
   if (code >= 0) return code;
   std::string error;
   TuneContext ctx;
-  if (!PrepareTune(o, &ctx, &error)) return TuneFail(kTuneExitRuntime, error);
+  code = PrepareTune(o, &ctx, &error);
+  if (code >= 0) return TuneFail(code, error);
   const EvalSetup &setup = ctx.setup;
   auto start = std::chrono::steady_clock::now();
   auto elapsed = [&start]() {

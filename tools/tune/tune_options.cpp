@@ -129,36 +129,36 @@ int ParseTuneOptions(int argc, char **argv, TuneOptions *o) {
   return -1;
 }
 
-bool PrepareTune(const TuneOptions &o, TuneContext *ctx, std::string *error) {
+int PrepareTune(const TuneOptions &o, TuneContext *ctx, std::string *error) {
   for (const std::string &r : o.ranges) {
     Dimension d;
-    if (!ParseDimension(r, &d, error)) return false;
+    if (!ParseDimension(r, &d, error)) return kTuneExitUsage;
     ctx->dims.push_back(d);
   }
   for (const auto &[specs, parts] :
        {std::make_pair(&o.train, &ctx->train), std::make_pair(&o.test, &ctx->test)}) {
     for (const std::string &s : *specs) {
       parts->emplace_back();
-      if (!LoadPart(s, o.warmup_s, &parts->back(), error)) return false;
+      if (!LoadPart(s, o.warmup_s, &parts->back(), error)) return kTuneExitUsage;
     }
   }
   RouteLibraryLog(ANDROID_LOG_SILENT);
-  if (!ctx->lib.Load(o.lib.empty() ? DefaultLibraryPath() : o.lib, error)) return false;
-  if (!ctx->folder.Create(0, error)) return false;
+  if (!ctx->lib.Load(o.lib.empty() ? DefaultLibraryPath() : o.lib, error)) return kTuneExitRuntime;
+  if (!ctx->folder.Create(0, error)) return kTuneExitRuntime;
   if (!ctx->lib.SetSysfsRoot(ctx->folder.root().c_str())) {
     *error = "the library's host platform has no qvn_host_set_sysfs_root";
-    return false;
+    return kTuneExitRuntime;
   }
   if (o.hwname_set && !ctx->lib.SetProperty("ro.boot.hwname", o.hwname.c_str())) {
     *error = "cannot set ro.boot.hwname";
-    return false;
+    return kTuneExitRuntime;
   }
   ctx->setup = {&ctx->lib, &ctx->folder, o.hw_gyro, o.skip_early_gyro, o.sets};
   ctx->replay_args = " --hw-gyro " + std::to_string(o.hw_gyro);
   if (o.skip_early_gyro) ctx->replay_args += " --skip-early-gyro";
   if (o.hwname_set) ctx->replay_args += " --hwname " + o.hwname;
   for (const Assignment &s : o.sets) ctx->replay_args += " --set " + FormatAssignment(s);
-  return true;
+  return -1;
 }
 
 std::vector<std::string> TuneSummaryLines(const TuneOptions &o, const TuneContext &ctx, size_t done,

@@ -42,7 +42,9 @@ struct TuneContext {
   std::string replay_args;  // qvn_replay options shared by every part
 };
 
-bool PrepareTune(const TuneOptions &o, TuneContext *ctx, std::string *error);
+// Returns -1 when ready, else the exit code (a bad range or recording is a
+// usage error, a library or folder that cannot be used a runtime one).
+int PrepareTune(const TuneOptions &o, TuneContext *ctx, std::string *error);
 
 // The lines that head the report and the set file: command, objective,
 // search, and the mean scores of both sets on the training and test parts.
