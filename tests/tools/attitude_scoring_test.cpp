@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <ostream>
 #include <vector>
 
 #include "core/attitude.h"
@@ -40,6 +41,11 @@ struct AttitudeCase {
   V3 axis;
   double tilt;
 };
+
+void PrintTo(const AttitudeCase &c, std::ostream *os) {
+  *os << "heading " << c.heading << ", tilt " << c.tilt << " about (" << c.axis.x << ", "
+      << c.axis.y << ", " << c.axis.z << ")";
+}
 
 const AttitudeCase kAttitudes[] = {
     {0, kX, 0},           {37, kX, 25},           {200, kY, -40}, {300, kX, -70},

@@ -1,5 +1,5 @@
-// Smoke test of the plot command: a replay output becomes three non-empty PNG
-// files of the documented size. Pixels are not compared.
+// Smoke test of the plot command: a replay output and its per-step errors
+// become four non-empty PNG files of the documented size. Pixels are not compared.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -27,7 +27,7 @@ int Exec(const std::string &cmd) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(PlotTool, WritesThreeFiguresOfTheDocumentedSize) {
+TEST(PlotTool, WritesEveryFigureAtTheDocumentedSize) {
   std::string templ = (fs::temp_directory_path() / "qvn_plot_test.XXXXXX").string();
   ASSERT_NE(mkdtemp(&templ[0]), nullptr);
   fs::path dir = templ;
@@ -35,17 +35,19 @@ TEST(PlotTool, WritesThreeFiguresOfTheDocumentedSize) {
   ASSERT_EQ(Exec(std::string("'") + QVN_SIMULATE_TOOL + "' --out-dir " + sim +
                  " --motion still:1,figure8:8 >/dev/null"),
             0);
-  ASSERT_EQ(Exec(std::string("'") + QVN_REPLAY_TOOL + "' --no-summary --out " + steps + " " + sim +
-                 "/events.csv"),
+  const std::string errors = (dir / "errors.csv").string();
+  ASSERT_EQ(Exec(std::string("'") + QVN_REPLAY_TOOL + "' --no-summary --out " + steps +
+                 " --warmup 2 --errors-out " + errors + " " + sim + "/events.csv"),
             0);
   int code = Exec(std::string("'") + QVN_PLOT_TOOL + "' --out-dir " + (dir / "png").string() +
-                  " --events " + sim + "/events.csv " + steps + " >/dev/null");
+                  " --events " + sim + "/events.csv --errors " + errors + " " + steps + " >/dev/null");
   if (code == kPlotUnavailable) {
     fs::remove_all(dir);
     GTEST_SKIP() << "matplotlib is not installed (apt-get install python3-matplotlib)";
   }
   ASSERT_EQ(code, 0);
-  for (const char *name : {"field_clouds.png", "field_accuracy.png", "orientation.png"}) {
+  for (const char *name :
+       {"field_clouds.png", "field_accuracy.png", "orientation.png", "errors.png"}) {
     fs::path png = dir / "png" / name;
     ASSERT_TRUE(fs::exists(png)) << png;
     std::ifstream in(png, std::ios::binary);

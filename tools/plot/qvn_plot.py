@@ -7,6 +7,9 @@ field_accuracy.png  field magnitude before and after calibration over time,
                     with the calibration accuracy level
 orientation.png     azimuth, pitch and roll over time, and the true ones when
                     a ground-truth orientation file is given or found
+errors.png          with --errors (a qvn_replay --errors-out CSV): heading and
+                    tilt error of every orientation output over time, beside
+                    the calibration accuracy level
 
 Every figure is FIG_WIDTH_PX x FIG_HEIGHT_PX pixels.
 """
@@ -150,13 +153,56 @@ def plot_orientation(plt, s, truth, out):
     fig.savefig(out, dpi=DPI)
 
 
+def read_errors(path):
+    """qvn_replay --errors-out: t_s, accuracy, then <output>_heading and
+    <output>_tilt per output; empty cells (steps not scored) become NaN."""
+    with open(path, newline="") as f:
+        reader = csv.DictReader(f)
+        if reader.fieldnames is None or reader.fieldnames[:2] != ["t_s", "accuracy"]:
+            raise ValueError(f"{path}: not a qvn_replay --errors-out file")
+        cols = {name: [] for name in reader.fieldnames}
+        for row in reader:
+            for name in reader.fieldnames:
+                cols[name].append(float(row[name]) if row[name] else math.nan)
+    outputs = [n[: -len("_heading")] for n in reader.fieldnames if n.endswith("_heading")]
+    return cols, outputs
+
+
+def rms(values):
+    v = [x for x in values if not math.isnan(x)]
+    return math.sqrt(sum(x * x for x in v) / len(v)) if v else math.nan
+
+
+def plot_errors(plt, cols, outputs, out):
+    fig, axes = new_figure(plt, len(outputs), 1)
+    t = cols["t_s"]
+    for ax, name in zip(axes, outputs):
+        h, tl = cols[f"{name}_heading"], cols[f"{name}_tilt"]
+        ax.plot(t, h, linewidth=0.6, label=f"heading error (RMS {rms(h):.1f})")
+        ax.plot(t, tl, linewidth=0.6, label=f"tilt error (RMS {rms(tl):.1f})")
+        ax.set_ylabel(f"{name} (deg)")
+        ax.grid(True, alpha=0.3)
+        ax.legend(loc="upper left", fontsize="small")
+        level = ax.twinx()
+        level.step(t, cols["accuracy"], where="post", color="gray", linewidth=0.8)
+        level.set_ylim(-0.3, 3.3)
+        level.set_yticks([0, 1, 2, 3])
+        level.set_ylabel("accuracy", color="gray")
+    axes[-1].set_xlabel("time (s)")
+    fig.suptitle("attitude error against the truth (one constant heading offset removed per output); "
+                 "gray: calibration accuracy level")
+    fig.tight_layout()
+    fig.savefig(out, dpi=DPI)
+
+
 def main(argv):
     ap = argparse.ArgumentParser(
         prog="qvn_plot",
         description="Turn a qvn_replay --out CSV into PNG figures "
         f"({FIG_WIDTH_PX}x{FIG_HEIGHT_PX} px each): field_clouds.png, "
         "field_accuracy.png, orientation.png.")
-    ap.add_argument("steps", help="CSV written by qvn_replay --out")
+    ap.add_argument("steps", nargs="?", help="CSV written by qvn_replay --out")
+    ap.add_argument("--errors", help="CSV written by qvn_replay --errors-out (adds errors.png)")
     ap.add_argument("--out-dir", default=".", help="folder for the PNG files (default .)")
     ap.add_argument("--gt", help="true orientation t_ns,qw,qx,qy,qz (default: gt.csv beside the events "
                     "if --events is given)")
@@ -168,8 +214,11 @@ def main(argv):
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
 
+    if args.steps is None and args.errors is None:
+        ap.error("give a steps CSV, --errors, or both")
     try:
-        steps = read_steps(args.steps)
+        steps = read_steps(args.steps) if args.steps else None
+        errors = read_errors(args.errors) if args.errors else None
         gt = args.gt
         if gt is None and args.events:
             cand = os.path.join(os.path.dirname(args.events), "gt.csv")
@@ -179,10 +228,15 @@ def main(argv):
         print(f"qvn_plot: {e}", file=sys.stderr)
         return 2
     os.makedirs(args.out_dir, exist_ok=True)
-    outs = [os.path.join(args.out_dir, n) for n in ("field_clouds.png", "field_accuracy.png", "orientation.png")]
-    plot_clouds(plt, steps, outs[0])
-    plot_magnitude(plt, steps, outs[1])
-    plot_orientation(plt, steps, truth, outs[2])
+    outs = []
+    if steps is not None:
+        outs = [os.path.join(args.out_dir, n) for n in ("field_clouds.png", "field_accuracy.png", "orientation.png")]
+        plot_clouds(plt, steps, outs[0])
+        plot_magnitude(plt, steps, outs[1])
+        plot_orientation(plt, steps, truth, outs[2])
+    if errors is not None:
+        outs.append(os.path.join(args.out_dir, "errors.png"))
+        plot_errors(plt, errors[0], errors[1], outs[-1])
     for o in outs:
         print(f"wrote {o}")
     return 0

@@ -81,6 +81,13 @@ std::vector<Estimate> EstimatesOf(const std::vector<StepRow> &rows, int output, 
   return est;
 }
 
+void ScoringWindow(int64_t file_t0_ns, int64_t replay_t0_ns, double warmup_s, double score_from_s,
+                   double score_to_s, int64_t *from_ns, int64_t *to_ns) {
+  auto at = [](int64_t t0, double s) { return t0 + static_cast<int64_t>(s * kNsPerS); };
+  *from_ns = score_from_s >= 0 ? at(file_t0_ns, score_from_s) : at(replay_t0_ns, warmup_s);
+  *to_ns = score_to_s >= 0 ? at(file_t0_ns, score_to_s) : INT64_MAX;
+}
+
 AccuracyReport ScoreRun(const std::vector<StepRow> &rows, const OrientationTruth &truth,
                         const AccuracyOptions &o) {
   AccuracyReport rep;

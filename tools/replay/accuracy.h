@@ -52,6 +52,12 @@ struct AccuracyOptions {
   bool with_series = false;                        // keep per-step errors
 };
 
+// The scored window in output time: from score_from_s seconds after the
+// recording's first event when it is >= 0, else warmup_s after the first
+// replayed one; up to score_to_s after the recording's first event when >= 0.
+void ScoringWindow(int64_t file_t0_ns, int64_t replay_t0_ns, double warmup_s, double score_from_s,
+                   double score_to_s, int64_t *from_ns, int64_t *to_ns);
+
 AccuracyReport ScoreRun(const std::vector<StepRow> &rows, const OrientationTruth &truth,
                         const AccuracyOptions &options);
 

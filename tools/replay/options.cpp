@@ -62,6 +62,10 @@ const char kHelp[] =
     "  --gt-shift-ms MS     add MS to the ground truth times (default 0)\n"
     "  --warmup S           score outputs from S seconds after the first replayed event\n"
     "                       (default 10: calibration and start-up ramp)\n"
+    "  --score-from S, --score-to S\n"
+    "                       score only outputs from S to S seconds after the file's\n"
+    "                       first event (replaying from --from as before; --score-from\n"
+    "                       replaces --warmup)\n"
     "  --errors-out FILE    per-step heading and tilt errors of every output (CSV, for\n"
     "                       qvn_plot --errors)\n"
     "  --no-lag             do not estimate each output's lag (faster)\n"
@@ -76,10 +80,11 @@ const char kHelp[] =
 
 bool TakesValue(const std::string &option) {
   static const char *const kOptions[] = {
-      "--lib",       "--hw-gyro",     "--hwname",     "--set",
-      "--log-level", "--out",         "--sysfs-root", "--charging-current",
-      "--gt",        "--gt-shift-ms", "--truth",      "--set-file",
-      "--from",      "--to",          "--warmup",     "--errors-out"};
+      "--lib",        "--hw-gyro",     "--hwname",     "--set",
+      "--log-level",  "--out",         "--sysfs-root", "--charging-current",
+      "--gt",         "--gt-shift-ms", "--truth",      "--set-file",
+      "--from",       "--to",          "--warmup",     "--errors-out",
+      "--score-from", "--score-to"};
   for (const char *o : kOptions) {
     if (option == o) return true;
   }
@@ -134,6 +139,10 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
       if (!ReadSetFile(v, &o->sets, &error)) return ReplayFail(kExitUsage, "--set-file: " + error);
     } else if (a == "--from" || a == "--to" || a == "--warmup") {
       double *d = a == "--from" ? &o->from_s : (a == "--to" ? &o->to_s : &o->warmup_s);
+      if (!ParseDouble(v, d) || *d < 0)
+        return ReplayFail(kExitUsage, a + " takes seconds >= 0, not '" + v + "'");
+    } else if (a == "--score-from" || a == "--score-to") {
+      double *d = a == "--score-from" ? &o->score_from_s : &o->score_to_s;
       if (!ParseDouble(v, d) || *d < 0)
         return ReplayFail(kExitUsage, a + " takes seconds >= 0, not '" + v + "'");
     } else if (a == "--errors-out") {

@@ -24,9 +24,10 @@ struct ReplayOptions {
   bool current_set = false;
   int64_t current = 0;
   double gt_shift_ms = 0;
-  double from_s = 0, to_s = -1;  // part of the recording replayed (to < 0: the end)
-  double warmup_s = 10;          // not scored after the first replayed event
-  std::vector<Assignment> sets;  // --set and --set-file, in command-line order
+  double from_s = 0, to_s = -1;               // part of the recording replayed (to < 0: the end)
+  double warmup_s = 10;                       // not scored after the first replayed event
+  double score_from_s = -1, score_to_s = -1;  // scored span, from the file's first event
+  std::vector<Assignment> sets;               // --set and --set-file, in command-line order
 };
 
 // Parses argv. Returns -1 when the options are good, else the exit code

@@ -63,6 +63,7 @@ int main(int argc, char **argv) {
   std::vector<Event> events;
   if (!o.events.empty() && !ReadEventCsv(o.events, &events, &error))
     return ReplayFail(kExitUsage, error);
+  int64_t file_t0 = events.empty() ? 0 : events.front().t_ns;
   CutEvents(&events, o.from_s, o.to_s);
   if (!o.sysfs_root.empty()) {
     for (const Event &e : events) {
@@ -145,7 +146,7 @@ int main(int argc, char **argv) {
   if (scored) {
     AccuracyOptions ao;
     ao.hw_gyro = o.hw_gyro;
-    ao.from_ns = t0 + static_cast<int64_t>(o.warmup_s * kNsPerS);
+    ScoringWindow(file_t0, t0, o.warmup_s, o.score_from_s, o.score_to_s, &ao.from_ns, &ao.to_ns);
     ao.with_lag = o.lag && o.summary;
     ao.with_series = !o.errors_out.empty();
     accuracy = ScoreRun(rows, gt, ao);

@@ -60,7 +60,8 @@ PartResult RunInChild(const EvalSetup &setup, const std::vector<Assignment> &can
   }
   AccuracyOptions ao;
   ao.hw_gyro = setup.hw_gyro;
-  ao.from_ns = part.t0_ns + static_cast<int64_t>(part.warmup_s * kNsPerS);
+  ScoringWindow(part.file_t0_ns, part.t0_ns, part.warmup_s, part.score_from_s, part.score_to_s,
+                &ao.from_ns, &ao.to_ns);
   ao.with_lag = false;
   AccuracyReport rep = ScoreRun(rows, part.truth, ao);
   for (int k = 0; k < kScoredCount; ++k) {
@@ -87,12 +88,14 @@ bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::
                 : key == "to"          ? &p.to_s
                 : key == "gt-shift-ms" ? &p.gt_shift_ms
                 : key == "warmup"      ? &p.warmup_s
+                : key == "score-from"  ? &p.score_from_s
+                : key == "score-to"    ? &p.score_to_s
                                        : nullptr;
     if (key == "gt") {
       p.gt_path = value;
     } else if (d == nullptr || !ParseDouble(value, d)) {
       *error = "recording '" + spec + "': bad item '" + f[k] +
-               "' (from=S, to=S, gt=FILE, gt-shift-ms=MS, warmup=S)";
+               "' (from=S, to=S, score-from=S, score-to=S, gt=FILE, gt-shift-ms=MS, warmup=S)";
       return false;
     }
   }
@@ -102,6 +105,7 @@ bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::
   }
   if (p.gt_path.empty()) p.gt_path = Beside(p.path, "gt.csv");
   if (!ReadEventCsv(p.path, &p.events, error) || !p.truth.Load(p.gt_path, error)) return false;
+  p.file_t0_ns = p.events.empty() ? 0 : p.events.front().t_ns;
   CutEvents(&p.events, p.from_s, p.to_s);
   if (p.events.empty()) {
     *error = "recording '" + spec + "': no events in the span";
@@ -112,13 +116,17 @@ bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::
   size_t cut = p.path.rfind('/');
   cut = cut == std::string::npos || cut == 0 ? std::string::npos : p.path.rfind('/', cut - 1);
   p.label = cut == std::string::npos ? p.path : p.path.substr(cut + 1);
-  char span[64];
-  if (p.to_s < 0) {
-    std::snprintf(span, sizeof span, " %g-end s", p.from_s);
-  } else {
-    std::snprintf(span, sizeof span, " %g-%g s", p.from_s, p.to_s);
+  // "folder/events.csv 0-62 s" (replayed span), then ", scored 62-end" when
+  // the scored span is given.
+  auto span = [](double from, double to) {
+    char buf[48];
+    std::snprintf(buf, sizeof buf, to < 0 ? "%g-end" : "%g-%g", from, to);
+    return std::string(buf);
+  };
+  p.label += " " + span(p.from_s, p.to_s) + " s";
+  if (p.score_from_s >= 0 || p.score_to_s >= 0) {
+    p.label += ", scored " + span(p.score_from_s < 0 ? p.from_s : p.score_from_s, p.score_to_s);
   }
-  p.label += span;
   *out = std::move(p);
   return true;
 }
@@ -130,6 +138,9 @@ std::string ReplayArguments(const Part &p) {
   if (p.to_s >= 0) std::snprintf(buf, sizeof buf, " --to %g", p.to_s), s += buf;
   if (p.gt_shift_ms != 0)
     std::snprintf(buf, sizeof buf, " --gt-shift-ms %g", p.gt_shift_ms), s += buf;
+  if (p.score_from_s >= 0)
+    std::snprintf(buf, sizeof buf, " --score-from %g", p.score_from_s), s += buf;
+  if (p.score_to_s >= 0) std::snprintf(buf, sizeof buf, " --score-to %g", p.score_to_s), s += buf;
   std::snprintf(buf, sizeof buf, " --warmup %g --gt ", p.warmup_s);
   return s + buf + p.gt_path + " " + p.path;
 }

@@ -20,15 +20,20 @@
 namespace qvn_tools {
 
 // A recording, or a time span of one, with its truth:
-// "EVENTS.csv[,from=S][,to=S][,gt=FILE][,gt-shift-ms=MS][,warmup=S]"
+// "EVENTS.csv[,from=S][,to=S][,score-from=S][,score-to=S][,gt=FILE][,gt-shift-ms=MS][,warmup=S]"
 // (gt.csv beside the events by default; times from the file's first event).
+// from/to cut the replayed span, which starts from a fresh library; the
+// scored span is score-from..score-to, or from warmup after the replayed
+// span's start to its end.
 struct Part {
   std::string spec, path, gt_path;
   std::string label;  // folder/file and span, for tables
   double from_s = 0, to_s = -1, gt_shift_ms = 0, warmup_s = 10;
+  double score_from_s = -1, score_to_s = -1;
   std::vector<Event> events;  // the span only
   OrientationTruth truth;
-  int64_t t0_ns = 0;  // first event of the span
+  int64_t t0_ns = 0;       // first event of the span
+  int64_t file_t0_ns = 0;  // first event of the recording
 };
 
 bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::string *error);

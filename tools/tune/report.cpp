@@ -9,7 +9,7 @@ const char *const kLabels[kScoredCount] = {"Orientation", "RotationVector", "Gam
 
 void PrintRow(const char *set, const char *kind, const Part &part, const PartResult &r, int k,
               FILE *out) {
-  std::fprintf(out, "  %-7s %-5s %-44.44s ", set, kind, part.label.c_str());
+  std::fprintf(out, "  %-7s %-5s %-54.54s ", set, kind, part.label.c_str());
   const ErrorStats &s = r.stats[k];
   if (!r.ok || r.constant[k] || s.scored == 0) {
     std::fprintf(out, "%s\n", !r.ok ? "evaluation failed" : "not scored");
@@ -39,7 +39,7 @@ void PrintComparison(const std::vector<Part> &train, const std::vector<Part> &te
   for (int k = 0; k < kScoredCount; ++k) {
     std::fprintf(out, "%s%s, degrees (heading after removing one constant offset per part)\n",
                  kLabels[k], k == objective ? " (the objective)" : "");
-    std::fprintf(out, "  %-7s %-5s %-44s %6s %6s %6s | %6s %6s\n", "set", "part", "recording",
+    std::fprintf(out, "  %-7s %-5s %-54s %6s %6s %6s | %6s %6s\n", "set", "part", "recording",
                  "hRMS", "hMed", "h95", "tRMS", "t95");
     for (size_t i = 0; i < train.size(); ++i) {
       PrintRow("default", "train", train[i], defaults.train[i], k, out);
