@@ -17,6 +17,7 @@
 #include "fusion/fusion.h"
 #include "math/convert.h"
 #include "math/math.h"
+#include "fusion/window_stats.h"
 
 namespace {
 
@@ -57,31 +58,6 @@ int16_t UsableSlot(int16_t slot, int16_t window) {
   return (slot < 0 || slot >= window) ? 0 : slot;
 }
 
-// Element (n - 1) / 2 of the window sorted in descending order.
-//
-// The result must be the element that an adjacent-swap bubble sort (swap when
-// a[j] < a[j+1]) leaves at that index. A straight insertion sort with the same
-// strict predicate yields the identical array: both are stable, so equal
-// values such as -0 and +0 keep their ring order, and a NaN compares false
-// both ways, so in both algorithms it never moves and nothing moves past it.
-// Insertion costs at most n^2/2 comparisons, against (n - 1)^2 for the
-// bubble passes.
-float WindowMedian(const float *row, int16_t n) {
-  float a[QVN_SORT_CAPACITY];
-  memcpy(a, row, sizeof(float) * static_cast<size_t>(n));
-  for (int16_t i = 1; i < n; ++i) {
-    const float v = a[i];
-    int16_t j = i;
-    while (j > 0 && a[j - 1] < v) {
-      a[j] = a[j - 1];
-      --j;
-    }
-    a[j] = v;
-  }
-  // With an even window this is the upper of the two middle values.
-  return a[(n - 1) / 2];
-}
-
 int16_t RunFilter(FilterRings r, const float in[3], float out[3], uint16_t flag) {
   // An all-zero sample is what an idle sensor buffer holds: refuse it.
   if (in[0] == 0.0f && in[1] == 0.0f && in[2] == 0.0f) return 0;
@@ -107,17 +83,16 @@ int16_t RunFilter(FilterRings r, const float in[3], float out[3], uint16_t flag)
   r.sort_cnt = static_cast<int16_t>(s + 1 >= ns ? 0 : s + 1);
 
   const int16_t c = UsableSlot(r.avg_cnt, na);
-  for (int axis = 0; axis < 3; ++axis) r.mean[axis][c] = WindowMedian(r.sort[axis], ns);
+  float med[3];
+  const float *const sort_rows[3] = {r.sort[0], r.sort[1], r.sort[2]};
+  qvn::window::Medians(sort_rows, ns, med);
+  for (int axis = 0; axis < 3; ++axis) r.mean[axis][c] = med[axis];
   r.avg_cnt = static_cast<int16_t>(c + 1 >= na ? 0 : c + 1);
 
   // Each entry is divided before it is added, in slot order: the rounding of
   // this sum is part of the output.
-  const float fna = static_cast<float>(na);
-  for (int axis = 0; axis < 3; ++axis) {
-    float sum = 0.0f;
-    for (int16_t k = 0; k < na; ++k) sum += r.mean[axis][k] / fna;
-    out[axis] = sum;
-  }
+  const float *const mean_rows[3] = {r.mean[0], r.mean[1], r.mean[2]};
+  qvn::window::Means(mean_rows, na, r.mean_capacity, out);
   return 1;
 }
 

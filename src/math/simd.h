@@ -13,6 +13,12 @@
 #include <stdint.h>
 #include <string.h>
 
+#if defined(__SSE__)
+#include <xmmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
 namespace qvn {
 namespace simd {
 
@@ -30,6 +36,41 @@ inline void Store(float *p, F4 v) { memcpy(p, &v, sizeof v); }
 inline F4 Splat(float f) { return F4{f, f, f, f}; }
 
 inline bool Any(M4 m) { return (m[0] | m[1] | m[2] | m[3]) != 0; }
+
+// Lane-wise mask ? a : b, moving bits only.
+inline F4 Select(M4 mask, F4 a, F4 b) {
+  M4 ia, ib;
+  memcpy(&ia, &a, sizeof ia);
+  memcpy(&ib, &b, sizeof ib);
+  const M4 r = (mask & ia) | (~mask & ib);
+  F4 out;
+  memcpy(&out, &r, sizeof out);
+  return out;
+}
+
+// Lane-wise minimum and maximum, for lanes that hold neither NaN nor a zero:
+// there every float compares as its value and the instruction's answer is
+// the comparison's. (The instructions differ from each other only on NaN
+// and on a -0/+0 pair; callers keep such lanes away.)
+inline F4 Min(F4 a, F4 b) {
+#if defined(__SSE__)
+  return (F4)_mm_min_ps((__m128)a, (__m128)b);
+#elif defined(__ARM_NEON)
+  return vminq_f32(a, b);
+#else
+  return Select(a < b, a, b);
+#endif
+}
+
+inline F4 Max(F4 a, F4 b) {
+#if defined(__SSE__)
+  return (F4)_mm_max_ps((__m128)a, (__m128)b);
+#elif defined(__ARM_NEON)
+  return vmaxq_f32(a, b);
+#else
+  return Select(a < b, b, a);
+#endif
+}
 
 // Rows a, b, c, d become columns: on return a = {a0, b0, c0, d0},
 // b = {a1, b1, c1, d1}, and so on. Moves bits only.
