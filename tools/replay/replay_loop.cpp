@@ -95,7 +95,8 @@ void WarnAboutInput(const std::string &path, const std::vector<Event> &events, i
         "the first magnetometer event, while the start-up ramp length is still 0: the fusion "
         "weights become 0/0 and the quaternion stays NaN for good. A sensor service avoids "
         "this by handing the first magnetometer sample (SetMagData + DoCaliAPI) to the "
-        "library before any gyroscope sample; --skip-early-gyro replays that order.\n",
+        "library before any gyroscope sample; --skip-early-gyro replays that order, "
+        "--reinit-on-nan the other remedy (see docs/accuracy.md).\n",
         path.c_str(), e.line);
     break;
   }

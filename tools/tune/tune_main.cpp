@@ -69,10 +69,15 @@ std::vector<PartResult> EvaluateAll(const EvalSetup &setup, const std::vector<As
 void Judge(const TuneOptions &o, const std::vector<PartResult> &baseline, double max_tilt,
            Scored *s) {
   s->feasible = MeanRms(s->parts, o.objective, &s->heading, &s->tilt) && s->tilt <= max_tilt;
+  // A set that leaves an output NaN or frozen scores fewer steps of it: it
+  // must not win by that, whether or not that output is the objective.
   for (size_t i = 0; s->feasible && i < s->parts.size(); ++i) {
-    // A set that leaves outputs NaN scores fewer steps: it must not win by that.
-    double base = static_cast<double>(baseline[i].stats[o.objective].scored);
-    s->feasible = static_cast<double>(s->parts[i].stats[o.objective].scored) >= kMinCoverage * base;
+    for (int k = 0; k < kScoredCount; ++k) {
+      double base = static_cast<double>(baseline[i].stats[k].scored);
+      const PartResult &r = s->parts[i];
+      double got = r.constant[k] ? 0.0 : static_cast<double>(r.stats[k].scored);
+      if (got < kMinCoverage * base) s->feasible = false;
+    }
   }
 }
 

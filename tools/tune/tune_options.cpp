@@ -168,7 +168,7 @@ std::vector<std::string> TuneSummaryLines(const TuneOptions &o, const TuneContex
   std::vector<std::string> l = {o.command};
   std::snprintf(buf, sizeof buf,
                 "objective: heading RMS of %s, mean over %zu training part(s), with tilt RMS <= "
-                "%.2f deg and at least 95%% of the default set's scored steps",
+                "%.2f deg and, for every output, at least 95%% of the default set's scored steps",
                 ScoredOutputName(o.objective), ctx.train.size(), max_tilt);
   l.push_back(buf);
   std::snprintf(buf, sizeof buf,
