@@ -141,6 +141,10 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"hardware gyroscope flag", nullptr, "--hw-gyro 2", "--hw-gyro takes 0 or 1"},
         BadInput{"unknown log level", nullptr, "--log-level loud", "unknown --log-level 'loud'"},
         BadInput{"unknown option", nullptr, "--hw-gyroscope 1", "unknown option --hw-gyroscope"},
+        BadInput{"missing set file", nullptr, "--set-file /nonexistent/set.txt",
+                 "--set-file: /nonexistent/set.txt: cannot open the file"},
+        BadInput{"truth needed for the errors", nullptr, "--no-truth --errors-out /dev/null",
+                 "--errors-out needs a ground truth"},
         BadInput{"cur events with a foreign folder", "1,cur,200000,0,0\n2,mag,1,2,3\n",
                  "--sysfs-root /nonexistent", "events.csv:1: cur events"}));
 

@@ -13,6 +13,7 @@ namespace {
 constexpr double kNsPerMs = 1e6;
 constexpr double kCoarseStepMs = 10.0;
 constexpr double kFineStepMs = 1.0;
+// Fewer scored steps than this make the lag cost too noisy to compare.
 constexpr size_t kMinStepsForLag = 50;
 
 struct RawErrors {
@@ -28,7 +29,9 @@ RawErrors Collect(const std::vector<Estimate> &est, const OrientationTruth &trut
     const Estimate &e = est[i];
     if (e.t_ns < w.from_ns || e.t_ns >= w.to_ns) continue;
     Quat q;
-    if (!truth.At(e.t_ns - w.lag_ns, &q)) continue;  // outside the truth: not counted
+    // Outside the truth (or across a gap in it) a step is neither scored nor
+    // counted as invalid: the output is not at fault.
+    if (!truth.At(e.t_ns - w.lag_ns, &q)) continue;
     double h = 0, t = 0;
     if (e.valid) HeadingTiltError(e.q, q, &h, &t);
     if (!e.valid || !std::isfinite(h) || !std::isfinite(t)) {
@@ -42,7 +45,8 @@ RawErrors Collect(const std::vector<Estimate> &est, const OrientationTruth &trut
   return r;
 }
 
-// Circular mean of angles in degrees.
+// Circular mean of angles in degrees: a plain mean of -179 and 179 would be 0,
+// the opposite of the offset they share.
 double CircularMean(const std::vector<double> &deg) {
   double c = 0, s = 0;
   for (double d : deg) {
@@ -64,6 +68,8 @@ double LagCost(const std::vector<Estimate> &est, const OrientationTruth &truth, 
   w.lag_ns = static_cast<int64_t>(std::llround(lag_ms * kNsPerMs));
   RawErrors r = Collect(est, truth, w);
   if (r.heading.size() < kMinStepsForLag) return std::numeric_limits<double>::infinity();
+  // The offset is fitted again at every lag: a shifted truth also changes the
+  // mean heading error of a turning recording.
   double offset = CircularMean(r.heading), sum = 0;
   for (size_t k = 0; k < r.heading.size(); ++k) {
     double h = WrapDeg(r.heading[k] - offset);
@@ -94,6 +100,7 @@ ErrorStats ScoreEstimates(const std::vector<Estimate> &est, const OrientationTru
   }
   if (s.scored == 0) return s;
   s.offset_deg = CircularMean(r.heading);
+  // Residuals wrapped again: an error of 179 around an offset of -179 is -2.
   std::vector<double> abs_heading;
   for (size_t k = 0; k < r.heading.size(); ++k) {
     double h = WrapDeg(r.heading[k] - s.offset_deg);

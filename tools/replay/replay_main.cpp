@@ -80,6 +80,9 @@ int main(int argc, char **argv) {
   if (o.truth.empty() && !o.no_truth && !o.events.empty()) o.truth = Beside(o.events, "truth.txt");
   if (!o.gt.empty() && !gt.Load(o.gt, &error)) return ReplayFail(kExitUsage, error);
   if (!o.truth.empty() && !truth.Load(o.truth, &error)) return ReplayFail(kExitUsage, error);
+  // Refused before anything is replayed or written.
+  if (!o.errors_out.empty() && gt.empty())
+    return ReplayFail(kExitUsage, "--errors-out needs a ground truth (--gt)");
   if (o.gt_shift_ms != 0 && !gt.empty()) gt.Shift(static_cast<int64_t>(o.gt_shift_ms * 1e6));
 
   // Logging is routed before the library can write its first line.
@@ -152,8 +155,6 @@ int main(int argc, char **argv) {
     accuracy = ScoreRun(rows, gt, ao);
     if (!o.errors_out.empty() && !WriteErrorCsv(o.errors_out, rows, accuracy, t0, &error))
       return ReplayFail(kExitRuntime, error);
-  } else if (!o.errors_out.empty()) {
-    return ReplayFail(kExitUsage, "--errors-out needs a ground truth (--gt)");
   }
 
   if (o.summary) {

@@ -40,6 +40,9 @@ PartResult RunInChild(const EvalSetup &setup, const std::vector<Assignment> &can
   ChipInfo chip;
   std::memset(&chip, 0, sizeof chip);
   chip.hwGyro = static_cast<int8_t>(setup.hw_gyro);
+  // Before initialisation for values it copies into working variables, after
+  // it for those the device profile rewrites: the order of qvn_replay --set,
+  // so that the replay of a set file reproduces this evaluation exactly.
   ApplyAll(lib, setup.base, candidate);
   lib.api().QVN_CaliInitLib(&chip);
   ApplyAll(lib, setup.base, candidate);
@@ -62,7 +65,7 @@ PartResult RunInChild(const EvalSetup &setup, const std::vector<Assignment> &can
   ao.hw_gyro = setup.hw_gyro;
   ScoringWindow(part.file_t0_ns, part.t0_ns, part.warmup_s, part.score_from_s, part.score_to_s,
                 &ao.from_ns, &ao.to_ns);
-  ao.with_lag = false;
+  ao.with_lag = false;  // the objective does not use it, and it costs most of the time
   AccuracyReport rep = ScoreRun(rows, part.truth, ao);
   for (int k = 0; k < kScoredCount; ++k) {
     r.constant[k] = rep.out[k].constant;
@@ -74,11 +77,12 @@ PartResult RunInChild(const EvalSetup &setup, const std::vector<Assignment> &can
 
 }  // namespace
 
-bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::string *error) {
+bool LoadPart(const std::string &description, double default_warmup_s, Part *out,
+              std::string *error) {
   Part p;
-  p.spec = spec;
+  p.description = description;
   p.warmup_s = default_warmup_s;
-  std::vector<std::string> f = SplitCsvLine(spec);
+  std::vector<std::string> f = SplitCsvLine(description);
   p.path = f.empty() ? std::string() : f[0];
   for (size_t k = 1; k < f.size(); ++k) {
     size_t eq = f[k].find('=');
@@ -94,13 +98,13 @@ bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::
     if (key == "gt") {
       p.gt_path = value;
     } else if (d == nullptr || !ParseDouble(value, d)) {
-      *error = "recording '" + spec + "': bad item '" + f[k] +
+      *error = "recording '" + description + "': bad item '" + f[k] +
                "' (from=S, to=S, score-from=S, score-to=S, gt=FILE, gt-shift-ms=MS, warmup=S)";
       return false;
     }
   }
   if (p.path.empty() || (p.to_s >= 0 && p.to_s <= p.from_s)) {
-    *error = "recording '" + spec + "': needs a path and to > from";
+    *error = "recording '" + description + "': needs a path and to > from";
     return false;
   }
   if (p.gt_path.empty()) p.gt_path = Beside(p.path, "gt.csv");
@@ -108,7 +112,7 @@ bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::
   p.file_t0_ns = p.events.empty() ? 0 : p.events.front().t_ns;
   CutEvents(&p.events, p.from_s, p.to_s);
   if (p.events.empty()) {
-    *error = "recording '" + spec + "': no events in the span";
+    *error = "recording '" + description + "': no events in the span";
     return false;
   }
   if (p.gt_shift_ms != 0) p.truth.Shift(static_cast<int64_t>(p.gt_shift_ms * 1e6));
@@ -151,6 +155,8 @@ PartResult EvaluatePart(const EvalSetup &setup, const std::vector<Assignment> &c
   int fd[2];
   if (pipe(fd) != 0) return result;
   std::fflush(nullptr);  // nothing buffered is written twice
+  // The child inherits the library exactly as loaded: the parent never
+  // initialises it, so no state of one evaluation reaches the next.
   pid_t pid = fork();
   if (pid < 0) {
     close(fd[0]);
@@ -159,7 +165,7 @@ PartResult EvaluatePart(const EvalSetup &setup, const std::vector<Assignment> &c
   }
   if (pid == 0) {
     close(fd[0]);
-    alarm(kChildTimeLimitS);
+    alarm(kChildTimeLimitS);  // a hung child must not hang the search
     PartResult r = RunInChild(setup, candidate, part);
     const char *p = reinterpret_cast<const char *>(&r);
     size_t left = sizeof r;
@@ -185,6 +191,7 @@ PartResult EvaluatePart(const EvalSetup &setup, const std::vector<Assignment> &c
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
+  // A child that crashed or was stopped reports ok = false, and the set loses.
   if (got == sizeof r && WIFEXITED(status) && WEXITSTATUS(status) == 0) result = r;
   return result;
 }

@@ -26,7 +26,7 @@ namespace qvn_tools {
 // scored span is score-from..score-to, or from warmup after the replayed
 // span's start to its end.
 struct Part {
-  std::string spec, path, gt_path;
+  std::string description, path, gt_path;
   std::string label;  // folder/file and span, for tables
   double from_s = 0, to_s = -1, gt_shift_ms = 0, warmup_s = 10;
   double score_from_s = -1, score_to_s = -1;
@@ -36,7 +36,8 @@ struct Part {
   int64_t file_t0_ns = 0;  // first event of the recording
 };
 
-bool LoadPart(const std::string &spec, double default_warmup_s, Part *out, std::string *error);
+bool LoadPart(const std::string &description, double default_warmup_s, Part *out,
+              std::string *error);
 
 // The qvn_replay options that replay this part the same way.
 std::string ReplayArguments(const Part &part);

@@ -36,7 +36,7 @@ std::string FormatNumber(double v, bool integer) {
 
 bool ParseDimension(const std::string &text, Dimension *out, std::string *error) {
   Dimension d;
-  d.spec = text;
+  d.text = text;
   size_t eq = text.find('=');
   if (eq == std::string::npos || eq == 0) {
     *error = "'" + text + "' is not of the form NAME=LO:HI[:log|:int] or NAME=V1|V2|...";

@@ -22,7 +22,7 @@ struct Dimension {
   std::string target;  // NAME or NAME[i]
   double lo = 0, hi = 0;
   std::vector<std::string> choices;
-  std::string spec;  // as given
+  std::string text;  // as given
 };
 
 // Parses one range; on failure says why (naming the tunable).
