@@ -20,6 +20,7 @@
 #include "common/log.h"
 #include "math/convert.h"
 #include "math/math.h"
+#include "math/simd.h"
 
 namespace {
 
@@ -49,6 +50,64 @@ bool MatrixOutOfBounds(const float s[9]) {
          OutOfBounds(s[3], sfi_yx_threshold_max, sfi_yx_threshold_min) ||
          OutOfBounds(s[6], sfi_zx_threshold_max, sfi_zx_threshold_min) ||
          OutOfBounds(s[7], sfi_zy_threshold_max, sfi_zy_threshold_min);
+}
+
+// The corrected radius r_i = |S (m_i - h)| of every sample, and their mean
+// summed as mean + r_i / n in sample order from +0. Four samples' radii and
+// quotients are formed lane-wise, each an independent value computed as the
+// scalar code writes it; only the mean is a running sum, and it takes the
+// quotients one sample after the other.
+float RadiiAndMean(const float *x, const float *y, const float *z, int16_t count,
+                   const float hdi[3], const float s[9], float *radii) {
+  using qvn::simd::F4;
+  using qvn::simd::Splat;
+  const float fn = static_cast<float>(count);
+  float mean = 0.0f;
+  int16_t i = 0;
+  for (; i + 4 <= count; i += 4) {
+    const F4 dx = qvn::simd::Load(x + i) - Splat(hdi[0]);
+    const F4 dy = qvn::simd::Load(y + i) - Splat(hdi[1]);
+    const F4 dz = qvn::simd::Load(z + i) - Splat(hdi[2]);
+    const F4 cx = (Splat(s[0]) * dx + Splat(s[1]) * dy) + Splat(s[2]) * dz;
+    const F4 cy = (Splat(s[3]) * dx + Splat(s[4]) * dy) + Splat(s[5]) * dz;
+    const F4 cz = (Splat(s[6]) * dx + Splat(s[7]) * dy) + Splat(s[8]) * dz;
+    const F4 r = qvn::simd::Sqrt((cx * cx + cy * cy) + cz * cz);
+    qvn::simd::Store(radii + i, r);
+    // Divided per term, not once at the end: the rounding is part of the test.
+    const F4 q = r / Splat(fn);
+    mean = mean + q[0];
+    mean = mean + q[1];
+    mean = mean + q[2];
+    mean = mean + q[3];
+  }
+  for (; i < count; ++i) {
+    const float dx = x[i] - hdi[0];
+    const float dy = y[i] - hdi[1];
+    const float dz = z[i] - hdi[2];
+    const float cx = s[0] * dx + s[1] * dy + s[2] * dz;
+    const float cy = s[3] * dx + s[4] * dy + s[5] * dz;
+    const float cz = s[6] * dx + s[7] * dy + s[8] * dz;
+    radii[i] = qvn_sqrt(cx * cx + cy * cy + cz * cz);
+    mean = mean + radii[i] / fn;
+  }
+  return mean;
+}
+
+// Samples whose radius lies further than `wide` from the mean (a NaN radius
+// never does), four at a time.
+int16_t CountOutliers(const float *radii, int16_t count, float mean, float wide) {
+  using qvn::simd::M4;
+  M4 counts = {0, 0, 0, 0};  // comparisons are -1 when true
+  int16_t i = 0;
+  for (; i + 4 <= count; i += 4) {
+    const qvn::simd::F4 d = qvn::simd::Load(radii + i) - qvn::simd::Splat(mean);
+    counts -= (qvn::simd::Abs(d) > qvn::simd::Splat(wide));
+  }
+  int32_t outliers = counts[0] + counts[1] + counts[2] + counts[3];
+  for (; i < count; ++i) {
+    if (fabsf(radii[i] - mean) > wide) ++outliers;
+  }
+  return static_cast<int16_t>(outliers);
 }
 
 int16_t Reject(int16_t verdict) {
@@ -126,22 +185,8 @@ int16_t dsc_sfi_hdi_is_valid(const float *x, const float *y, const float *z, uin
   qvn_cali_log[0] = kStageRadius;
   float radii[kCapacity];
   const float fn = static_cast<float>(count);
-  float mean = 0.0f;
-  for (int16_t i = 0; i < count; ++i) {
-    const float dx = x[i] - hdi[0];
-    const float dy = y[i] - hdi[1];
-    const float dz = z[i] - hdi[2];
-    const float cx = sfi[0] * dx + sfi[1] * dy + sfi[2] * dz;
-    const float cy = sfi[3] * dx + sfi[4] * dy + sfi[5] * dz;
-    const float cz = sfi[6] * dx + sfi[7] * dy + sfi[8] * dz;
-    radii[i] = qvn_sqrt(cx * cx + cy * cy + cz * cz);
-    // Divided per term, not once at the end: the rounding is part of the test.
-    mean = mean + radii[i] / fn;
-  }
-  int16_t outliers = 0;
-  for (int16_t i = 0; i < count; ++i) {
-    if (fabsf(radii[i] - mean) > mag_radius_wide) ++outliers;
-  }
+  const float mean = RadiiAndMean(x, y, z, count, hdi, sfi, radii);
+  const int16_t outliers = CountOutliers(radii, count, mean, mag_radius_wide);
 
   if (g_en_mtkScpLog != 0) {
     qvn_cali_log[1] = qvn::TruncToI16(radius);

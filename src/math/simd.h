@@ -10,6 +10,7 @@
 #ifndef QVNLIB_MATH_SIMD_H
 #define QVNLIB_MATH_SIMD_H
 
+#include <math.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -70,6 +71,27 @@ inline F4 Max(F4 a, F4 b) {
 #else
   return Select(a < b, b, a);
 #endif
+}
+
+// Lane-wise correctly rounded square root: sqrtf of each lane.
+inline F4 Sqrt(F4 a) {
+#if defined(__SSE__)
+  return (F4)_mm_sqrt_ps((__m128)a);
+#elif defined(__ARM_NEON) && defined(__aarch64__)
+  return vsqrtq_f32(a);
+#else
+  return F4{sqrtf(a[0]), sqrtf(a[1]), sqrtf(a[2]), sqrtf(a[3])};
+#endif
+}
+
+// Lane-wise |a|: the sign bit cleared, as fabsf does.
+inline F4 Abs(F4 a) {
+  M4 bits;
+  memcpy(&bits, &a, sizeof bits);
+  bits &= M4{0x7FFFFFFF, 0x7FFFFFFF, 0x7FFFFFFF, 0x7FFFFFFF};
+  F4 out;
+  memcpy(&out, &bits, sizeof out);
+  return out;
 }
 
 // Rows a, b, c, d become columns: on return a = {a0, b0, c0, d0},

@@ -238,6 +238,41 @@ TEST_P(FitKernels, EllipsoidWorkMatricesAndResult) {
   }
 }
 
+// The validation's radii, their mean (mean + r_i / n in sample order) and
+// the outlier count, against the plain loop. The radius limits are both set
+// to the reference mean, so the batch passes only if the library's mean is
+// that very float; the outlier count is read back from qvn_cali_log[3].
+TEST_P(FitKernels, ValidationMeanAndOutliersMatchThePlainLoop) {
+  qvn_test::Lcg rng(GetParam() ? 13 : 12);
+  mag_field_range = 2200.0f;
+  for (int n = 1; n <= kCap; n += (n < 24 ? 1 : 7)) {
+    const Batch b = MakeBatch(rng, n, GetParam());
+    const float hdi[3] = {20.0f + rng.Uniform(), -10.0f + rng.Uniform(), 5.0f + rng.Uniform()};
+    const float sfi[9] = {1.0f + 0.05f * rng.Uniform(), 0.0f, 0.0f,
+                          0.05f * rng.Uniform(), 1.0f + 0.05f * rng.Uniform(), 0.0f,
+                          0.1f * rng.Uniform(), 0.1f * rng.Uniform(), 1.0f + 0.05f * rng.Uniform()};
+    const float wide = 1.0f + 4.0f * (rng.Uniform() + 1.0f);
+    float radii[kCap];
+    float mean = 0.0f;
+    for (int i = 0; i < n; ++i) {
+      const float dx = b.x[i] - hdi[0], dy = b.y[i] - hdi[1], dz = b.z[i] - hdi[2];
+      const float cx = sfi[0] * dx + sfi[1] * dy + sfi[2] * dz;
+      const float cy = sfi[3] * dx + sfi[4] * dy + sfi[5] * dz;
+      const float cz = sfi[6] * dx + sfi[7] * dy + sfi[8] * dz;
+      radii[i] = sqrtf(cx * cx + cy * cy + cz * cz);
+      mean = mean + radii[i] / static_cast<float>(n);
+    }
+    int outliers = 0;
+    for (int i = 0; i < n; ++i) outliers += (fabsf(radii[i] - mean) > wide) ? 1 : 0;
+    mag_radius_min = mag_radius_max = mean;
+    mag_radius_wide = wide;
+    mag_radius_out_rate = 1.0f;
+    const int16_t ok = dsc_sfi_hdi_is_valid(b.x, b.y, b.z, static_cast<uint16_t>(n), hdi, sfi, mean);
+    EXPECT_EQ(ok, isnan(mean) ? 0 : 1) << "n " << n;
+    EXPECT_EQ(qvn_cali_log[3], outliers) << "n " << n;
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Samples, FitKernels, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool> &i) {
                            return i.param ? "WithOddValues" : "Ordinary";
