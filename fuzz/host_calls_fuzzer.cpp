@@ -40,7 +40,7 @@ enum Op : uint8_t {
 constexpr int64_t kClockStart = 1000000000;  // ns; the first second is spent at load
 constexpr int64_t kQuarterMs = 250000;       // ns, unit of a forward step
 constexpr int64_t kBackStep = 10000000;      // ns, unit of a backward step
-constexpr int kSampleBudget = 600;           // simulated samples per input (keeps runs fast)
+constexpr int kSampleBudget = 400;           // simulated samples per input (keeps runs fast)
 
 int64_t g_now = kClockStart;
 int g_budget = 0;
