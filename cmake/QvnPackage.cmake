@@ -30,6 +30,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qvnlibConfig.cmake
 set(QVN_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 # From the .pc file's folder back to the prefix, e.g. "../.." for lib/pkgconfig.
 file(RELATIVE_PATH QVN_PC_RELATIVE_PREFIX /${QVN_PC_DIR} /)
+string(REGEX REPLACE "/$" "" QVN_PC_RELATIVE_PREFIX "${QVN_PC_RELATIVE_PREFIX}")
 if(ANDROID)
   set(QVN_PC_PRIVATE_LIBS "-lcutils -llog -lm")
 else()
