@@ -46,15 +46,15 @@ struct Stream {
   size_t next = 0;
   int64_t shift = 0;  // added to every timestamp; grows by one span per lap
   int64_t span = 0;   // first to last timestamp plus one accelerometer period
-  qvn_test::MotionSpec spec;
+  qvn_test::MotionPlan plan;
 };
 
 Stream &TheStream() {
   static Stream s = [] {
     Stream st;
-    st.spec.seconds = kStreamSeconds;
-    st.spec.mag_hz = kMagHz;
-    for (const qvn_test::SimEvent &se : qvn_test::SimulateMotion(st.spec)) {
+    st.plan.seconds = kStreamSeconds;
+    st.plan.mag_hz = kMagHz;
+    for (const qvn_test::SimEvent &se : qvn_test::SimulateMotion(st.plan)) {
       Event ev;
       ev.sensor = se.sensor;
       ev.e.timestamp = se.t_ns;
@@ -64,7 +64,7 @@ Stream &TheStream() {
       ev.e.accuracy = 3;
       st.events.push_back(ev);
     }
-    const int64_t period = static_cast<int64_t>(1e9 / st.spec.acc_hz);
+    const int64_t period = static_cast<int64_t>(1e9 / st.plan.acc_hz);
     st.span = st.events.back().e.timestamp - st.events.front().e.timestamp + period;
     return st;
   }();
@@ -137,7 +137,7 @@ Event NextEvent() {
   return ev;
 }
 
-const float *StreamOffset() { return TheStream().spec.offset; }
+const float *StreamOffset() { return TheStream().plan.offset; }
 
 SensorEvent FeedUntilMag() {
   const QvnLibApiTable &api = MAG_LIB_API_INTERFACE;
@@ -172,7 +172,7 @@ void SpreadBatch(int n, float *x, float *y, float *z) {
     if (ev.sensor == qvn_test::Sensor::kMag) mags.push_back(&ev.e);
   }
   // Skip the still start so that every sample comes from the turning phone.
-  const size_t first = static_cast<size_t>(TheStream().spec.still_seconds * kMagHz) + 1;
+  const size_t first = static_cast<size_t>(TheStream().plan.still_seconds * kMagHz) + 1;
   const size_t stride = (mags.size() - first) / static_cast<size_t>(n);
   for (int i = 0; i < n; ++i) {
     const SensorEvent *e = mags[first + stride * static_cast<size_t>(i)];

@@ -84,9 +84,9 @@ TEST_P(NoAllocation, ReplayAfterFirstStep) {
   const Case &c = GetParam();
   __android_log_set_logger(DiscardLine);
   __android_log_set_minimum_priority(c.log_sink ? ANDROID_LOG_VERBOSE : ANDROID_LOG_SILENT);
-  qvn_test::MotionSpec spec;
-  spec.seconds = 24.0;
-  const std::vector<qvn_test::SimEvent> events = qvn_test::SimulateMotion(spec);
+  qvn_test::MotionPlan plan;
+  plan.seconds = 24.0;
+  const std::vector<qvn_test::SimEvent> events = qvn_test::SimulateMotion(plan);
 
   int step = 0;
   int16_t checks_before = 0;

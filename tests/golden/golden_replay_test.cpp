@@ -43,9 +43,9 @@ void AddFloat(std::ostringstream &line, Digest &d, float f) {
 
 std::string Render(int8_t hw_gyro) {
   __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
-  qvn_test::MotionSpec spec;
-  spec.seconds = 24.0;
-  const std::vector<qvn_test::SimEvent> events = qvn_test::SimulateMotion(spec);
+  qvn_test::MotionPlan plan;
+  plan.seconds = 24.0;
+  const std::vector<qvn_test::SimEvent> events = qvn_test::SimulateMotion(plan);
   std::ostringstream all;
   Digest digest;
   int step = 0;

@@ -32,54 +32,54 @@ void ToBody(const Quat &q, const double v[3], double out[3]) {
 
 // Body angular rate at time s: slowly varying in direction so that the
 // attitude sweeps the whole sphere of orientations.
-void Rate(const MotionSpec &spec, double s, double w[3]) {
-  if (s < spec.still_seconds) {
+void Rate(const MotionPlan &plan, double s, double w[3]) {
+  if (s < plan.still_seconds) {
     w[0] = w[1] = w[2] = 0.0;
     return;
   }
-  const double u = s - spec.still_seconds;
-  w[0] = spec.turn_rate * sin(0.37 * u + 0.3);
-  w[1] = spec.turn_rate * sin(0.23 * u + 1.1) * 0.8;
-  w[2] = spec.turn_rate * cos(0.17 * u);
+  const double u = s - plan.still_seconds;
+  w[0] = plan.turn_rate * sin(0.37 * u + 0.3);
+  w[1] = plan.turn_rate * sin(0.23 * u + 1.1) * 0.8;
+  w[2] = plan.turn_rate * cos(0.17 * u);
 }
 
 }  // namespace
 
-std::vector<SimEvent> SimulateMotion(const MotionSpec &spec) {
+std::vector<SimEvent> SimulateMotion(const MotionPlan &plan) {
   std::vector<SimEvent> events;
   const double dt = 0.001;  // integration step, s
   const double g[3] = {0.0, 0.0, 9.81};
-  const double b[3] = {spec.field[0], spec.field[1], spec.field[2]};
-  Lcg rng(spec.seed);
+  const double b[3] = {plan.field[0], plan.field[1], plan.field[2]};
+  Lcg rng(plan.seed);
   Quat q = {1.0, 0.0, 0.0, 0.0};
   double next_acc = 0.0, next_gyr = 0.0, next_mag = 0.0;
-  const int steps = static_cast<int>(spec.seconds / dt);
+  const int steps = static_cast<int>(plan.seconds / dt);
   for (int i = 0; i <= steps; ++i) {
     const double s = i * dt;
     double w[3];
-    Rate(spec, s, w);
-    const int64_t t = static_cast<int64_t>(spec.start_ns + s * 1e9);
+    Rate(plan, s, w);
+    const int64_t t = static_cast<int64_t>(plan.start_ns + s * 1e9);
     if (s >= next_acc) {
       double a[3];
       ToBody(q, g, a);
       events.push_back({t, Sensor::kAcc, static_cast<float>(a[0]), static_cast<float>(a[1]),
                         static_cast<float>(a[2])});
-      next_acc += 1.0 / spec.acc_hz;
+      next_acc += 1.0 / plan.acc_hz;
     }
     if (s >= next_gyr) {
-      events.push_back({t, Sensor::kGyr, static_cast<float>(w[0]) + spec.gyro_bias[0],
-                        static_cast<float>(w[1]) + spec.gyro_bias[1],
-                        static_cast<float>(w[2]) + spec.gyro_bias[2]});
-      next_gyr += 1.0 / spec.gyr_hz;
+      events.push_back({t, Sensor::kGyr, static_cast<float>(w[0]) + plan.gyro_bias[0],
+                        static_cast<float>(w[1]) + plan.gyro_bias[1],
+                        static_cast<float>(w[2]) + plan.gyro_bias[2]});
+      next_gyr += 1.0 / plan.gyr_hz;
     }
     if (s >= next_mag) {
       double m[3];
       ToBody(q, b, m);
       events.push_back({t, Sensor::kMag,
-                        static_cast<float>(m[0]) + spec.offset[0] + spec.noise_ut * rng.Uniform(),
-                        static_cast<float>(m[1]) + spec.offset[1] + spec.noise_ut * rng.Uniform(),
-                        static_cast<float>(m[2]) + spec.offset[2] + spec.noise_ut * rng.Uniform()});
-      next_mag += 1.0 / spec.mag_hz;
+                        static_cast<float>(m[0]) + plan.offset[0] + plan.noise_ut * rng.Uniform(),
+                        static_cast<float>(m[1]) + plan.offset[1] + plan.noise_ut * rng.Uniform(),
+                        static_cast<float>(m[2]) + plan.offset[2] + plan.noise_ut * rng.Uniform()});
+      next_mag += 1.0 / plan.mag_hz;
     }
     // Integrate q' = q * (0, w/2) over one step, then renormalise.
     const Quat dq = {1.0, 0.5 * w[0] * dt, 0.5 * w[1] * dt, 0.5 * w[2] * dt};

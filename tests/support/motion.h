@@ -19,7 +19,7 @@ struct SimEvent {
   float x, y, z;
 };
 
-struct MotionSpec {
+struct MotionPlan {
   double seconds = 30.0;
   double acc_hz = 100.0;
   double gyr_hz = 100.0;
@@ -35,7 +35,7 @@ struct MotionSpec {
 };
 
 // Events of all three sensors in time order (ties: acc, gyr, mag).
-std::vector<SimEvent> SimulateMotion(const MotionSpec &spec);
+std::vector<SimEvent> SimulateMotion(const MotionPlan &plan);
 
 }  // namespace qvn_test
 
