@@ -102,7 +102,7 @@ def host_seeds():
         (MAGPAIR, ('1e20', '-fltmax', 'nan'), 0), (MAGPAIR, (30.0, 'snan', -40.0), 210),
         (MAGPAIR, (30.0, 20.0, -40.0), 253), (MAGPAIR, (31.0, 20.0, -40.0), 254),
         (MAGPAIR, (32.0, 20.0, -40.0), 255), (DOCALI, ('2^63', '-2^31', '65504'), 245)))
-    yield 'special_values', b'\x00' + orbit(samples=64) + specials + ALL_GETTERS + orbit()
+    yield 'extreme_values', b'\x00' + orbit(samples=64) + specials + ALL_GETTERS + orbit()
     yield 'broken_clock', b'\x01' + b''.join(
         u8(MAGPAIR) + sample(30.0, 20.0, -40.0, code=c) + u8(GYRO) + sample(0.1, 0.0, 0.2, code=c)
         for c in (0, 0, 220, 80, 0, 240, 230, 1, 199)) + ALL_GETTERS
