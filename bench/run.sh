@@ -9,6 +9,8 @@
 #   bench/run.sh --benchmark_filter='fusion_step'  # a subset
 #
 # The build tree is build-bench-release (QVN_BENCH_BUILD_DIR overrides it).
+# Google Benchmark's warning that the library "was built as DEBUG" is about
+# Debian's libbenchmark package itself, not about libqvnlib (built Release).
 set -eu
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
