@@ -135,9 +135,9 @@ int PrepareTune(const TuneOptions &o, TuneContext *ctx, std::string *error) {
     if (!ParseDimension(r, &d, error)) return kTuneExitUsage;
     ctx->dims.push_back(d);
   }
-  for (const auto &[specs, parts] :
+  for (const auto &[names, parts] :
        {std::make_pair(&o.train, &ctx->train), std::make_pair(&o.test, &ctx->test)}) {
-    for (const std::string &s : *specs) {
+    for (const std::string &s : *names) {
       parts->emplace_back();
       if (!LoadPart(s, o.warmup_s, &parts->back(), error)) return kTuneExitUsage;
     }
