@@ -124,66 +124,6 @@ int16_t EllipsoidReference(const Batch &b, float hdi[3], float sfi[9], float *sc
   return 0;
 }
 
-// Gauss-Jordan as the inversion is defined: exchange only on an exact zero
-// pivot, eliminate every other row over all 2n columns, then divide each
-// row by its diagonal.
-int16_t InverseReference(const float in[81], float out[81], int n) {
-  float w[9][18];
-  for (int i = 0; i < 9; ++i) memcpy(w[i], in + 9 * i, sizeof(float) * 9);
-  for (int i = 0; i < n; ++i) {
-    for (int c = 0; c < n; ++c) w[i][n + c] = (c == i) ? 1.0f : 0.0f;
-  }
-  for (int k = 0; k < n; ++k) {
-    if (w[k][k] == 0.0f) {
-      int r = k + 1;
-      while (r < n && w[r][k] == 0.0f) ++r;
-      if (r == n) return 0;
-      for (int j = 0; j < 2 * n; ++j) {
-        const float t = w[k][j];
-        w[k][j] = w[r][j], w[r][j] = t;
-      }
-    }
-    for (int i = 0; i < n; ++i) {
-      if (i == k) continue;
-      const float f = w[i][k] / w[k][k];
-      for (int j = 0; j < 2 * n; ++j) w[i][j] = w[i][j] - f * w[k][j];
-    }
-  }
-  for (int i = 0; i < n; ++i) {
-    const float d = w[i][i];
-    if (d == 0.0f) return 0;
-    for (int j = 0; j < 2 * n; ++j) w[i][j] = w[i][j] / d;
-  }
-  for (int i = 0; i < n; ++i) {
-    for (int c = 0; c < n; ++c) out[9 * i + c] = w[i][n + c];
-  }
-  return 1;
-}
-
-TEST(FitKernels, InversionMatchesPlainGaussJordan) {
-  qvn_test::Lcg rng(21);
-  const float odd[5] = {0.0f, -0.0f, INFINITY, NAN, 1e-30f};
-  for (int round = 0; round < 4000; ++round) {
-    const int n = 2 + static_cast<int>(rng.Next() % 8);
-    float in[81];
-    for (float &e : in) e = 10.0f * rng.Uniform();
-    // Diagonal dominance for most rounds, exact zeros (pivot exchanges,
-    // singular columns) and odd values for the others.
-    if (round % 3 == 0) {
-      for (int i = 0; i < n; ++i) in[10 * i] += 40.0f;
-    }
-    if (round % 4 == 1) {
-      for (int k = 0; k < 1 + round % 5; ++k) in[9 * (rng.Next() % n) + rng.Next() % n] = 0.0f;
-    }
-    if (round % 7 == 2) in[9 * (rng.Next() % n) + rng.Next() % n] = odd[rng.Next() % 5];
-    float got[81], want[81];
-    for (int i = 0; i < 81; ++i) got[i] = want[i] = -123.0f;
-    const int16_t r = inverse_matrix(in, got, static_cast<uint8_t>(n));
-    ASSERT_EQ(r, InverseReference(in, want, n)) << "round " << round;
-    ASSERT_TRUE(SameBits(got, want, 81)) << "round " << round << " n " << n;
-  }
-}
-
 class FitKernels : public ::testing::TestWithParam<bool> {};
 
 TEST_P(FitKernels, SphereNormalEquationsAndResult) {

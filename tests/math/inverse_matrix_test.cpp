@@ -1,7 +1,10 @@
 // Gauss-Jordan inversion: pivot exchange only on an exact zero, failures
-// leave the output untouched, entries outside the n x n corner are kept.
+// leave the output untouched, entries outside the n x n corner are kept, and
+// the vectorised row operations give the bits of the plain scalar loops.
 #include <math.h>
 #include <string.h>
+
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -10,92 +13,117 @@
 
 namespace {
 
-void Fill(float m[81], float v) {
-  for (int i = 0; i < 81; ++i) m[i] = v;
+// The inversion as defined: exchange only on an exact zero pivot, eliminate
+// every other row over all 2n columns, then divide each row by its diagonal.
+int16_t Reference(const float in[81], float out[81], int n) {
+  float w[9][18];
+  for (int i = 0; i < n; ++i) {
+    for (int c = 0; c < n; ++c) w[i][c] = in[9 * i + c], w[i][n + c] = (c == i) ? 1.0f : 0.0f;
+  }
+  for (int k = 0; k < n; ++k) {
+    if (w[k][k] == 0.0f) {
+      int r = k + 1;
+      while (r < n && w[r][k] == 0.0f) ++r;
+      if (r == n) return 0;
+      for (int j = 0; j < 2 * n; ++j) std::swap(w[k][j], w[r][j]);
+    }
+    for (int i = 0; i < n; ++i) {
+      const float f = w[i][k] / w[k][k];
+      for (int j = 0; i != k && j < 2 * n; ++j) w[i][j] = w[i][j] - f * w[k][j];
+    }
+  }
+  for (int i = 0; i < n; ++i) {
+    const float d = w[i][i];
+    if (d == 0.0f) return 0;
+    for (int c = 0; c < n; ++c) out[9 * i + c] = w[i][n + c] / d;
+  }
+  return 1;
 }
 
-TEST(InverseMatrix, OrderOutsideTwoToNineFailsWithOutputUntouched) {
-  float in[81];
-  float out[81];
-  Fill(in, 1.0f);
-  for (uint8_t n : {uint8_t{0}, uint8_t{1}, uint8_t{10}, uint8_t{255}}) {
-    Fill(out, 7.0f);
-    EXPECT_EQ(inverse_matrix(in, out, n), 0);
-    for (float v : out) EXPECT_EQ(v, 7.0f);
+// Rows of an n x n matrix into 9 x 9 storage (the rest zero).
+void Load(float m[81], int n, const std::initializer_list<float> &rows) {
+  memset(m, 0, 81 * sizeof(float));
+  int k = 0;
+  for (float v : rows) m[9 * (k / n) + k % n] = v, ++k;
+}
+
+TEST(InverseMatrix, FailuresLeaveTheOutputUntouched) {
+  float ones[81], singular[81], zero[81] = {0};
+  for (float &v : ones) v = 1.0f;
+  Load(singular, 2, {1, 2, 2, 4});
+  const struct {
+    const float *in;
+    uint8_t n;
+  } cases[] = {{ones, 0}, {ones, 1}, {ones, 10}, {ones, 255}, {singular, 2}, {zero, 4}};
+  for (const auto &c : cases) {
+    float out[81];
+    for (float &v : out) v = 7.0f;
+    EXPECT_EQ(inverse_matrix(c.in, out, c.n), 0) << int(c.n);
+    for (float v : out) ASSERT_EQ(v, 7.0f) << int(c.n);
   }
 }
 
 TEST(InverseMatrix, ZeroPivotExchangesWithFirstNonZeroRowBelow) {
-  float in[81] = {0};
-  const float rows[3][3] = {{0, 1, 0}, {1, 0, 0}, {0, 0, 2}};
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) in[9 * i + j] = rows[i][j];
-  float out[81];
-  Fill(out, -5.0f);
+  float in[81], out[81];
+  Load(in, 3, {0, 1, 0, 1, 0, 0, 0, 0, 2});
+  for (float &v : out) v = -5.0f;
   ASSERT_EQ(inverse_matrix(in, out, 3), 1);
-  const float want[3][3] = {{0, 1, 0}, {1, 0, 0}, {0, 0, 0.5f}};
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) EXPECT_EQ(out[9 * i + j], want[i][j]);
-  // Outside the corner the previous contents stay.
-  EXPECT_EQ(out[3], -5.0f);
-  EXPECT_EQ(out[9 * 3], -5.0f);
-  EXPECT_EQ(out[80], -5.0f);
+  const float want[9] = {0, 1, 0, 1, 0, 0, 0, 0, 0.5f};
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(out[9 * (i / 3) + i % 3], want[i]) << i;
+  EXPECT_TRUE(out[3] == -5.0f && out[27] == -5.0f && out[80] == -5.0f);  // outside the corner
 }
 
-TEST(InverseMatrix, SingularMatricesFail) {
-  float in[81] = {0};
-  in[0] = 1;
-  in[1] = 2;
-  in[9] = 2;
-  in[10] = 4;
-  float out[81];
-  Fill(out, 3.0f);
-  EXPECT_EQ(inverse_matrix(in, out, 2), 0);
-  for (float v : out) EXPECT_EQ(v, 3.0f);
-  float zero[81] = {0};
-  EXPECT_EQ(inverse_matrix(zero, out, 4), 0);
+// Bit for bit (result and every output entry) against the plain loops.
+int16_t ExpectSameAsReference(const float in[81], int n) {
+  float got[81], want[81];
+  for (int i = 0; i < 81; ++i) got[i] = want[i] = -123.0f;
+  const int16_t r = inverse_matrix(in, got, static_cast<uint8_t>(n));
+  EXPECT_EQ(r, Reference(in, want, n)) << "n " << n;
+  EXPECT_EQ(memcmp(got, want, sizeof got), 0) << "n " << n;
+  return r;
 }
 
-TEST(InverseMatrix, TinyLeadingPivotIsNotExchanged) {
-  float in[81] = {0};
-  in[0] = 1e-30f;
-  in[1] = 1.0f;
-  in[9] = 1.0f;
-  in[10] = 1.0f;
-  float out[81] = {0};
-  ASSERT_EQ(inverse_matrix(in, out, 2), 1);
-  // The known answer of Gauss-Jordan without a swap, written out in float:
-  // W = [[a, 1 | 1, 0], [1, 1 | 0, 1]], a = 1e-30.
-  volatile float a = 1e-30f;
-  float r0[4] = {a, 1.0f, 1.0f, 0.0f};
-  float r1[4] = {1.0f, 1.0f, 0.0f, 1.0f};
-  float f = r1[0] / r0[0];
-  for (float &v : r1) v = v - f * r0[&v - r1];
-  f = r0[1] / r1[1];
-  for (float &v : r0) v = v - f * r1[&v - r0];
-  const float d0 = r0[0], d1 = r1[1];
-  for (float &v : r0) v = v / d0;
-  for (float &v : r1) v = v / d1;
-  EXPECT_EQ(qvn_test::Bits(out[0]), qvn_test::Bits(r0[2]));
-  EXPECT_EQ(qvn_test::Bits(out[1]), qvn_test::Bits(r0[3]));
-  EXPECT_EQ(qvn_test::Bits(out[9]), qvn_test::Bits(r1[2]));
-  EXPECT_EQ(qvn_test::Bits(out[10]), qvn_test::Bits(r1[3]));
-  // A pivot search would have swapped and found the exact inverse
-  // [[-1, 1], [1, 0]]; the design's elimination loses the 1 in row 0.
+// Random orders with diagonal dominance, exact zeros (exchanges, singular
+// columns) and odd values.
+TEST(InverseMatrix, MatchesPlainGaussJordan) {
+  qvn_test::Lcg rng(21);
+  const float odd[5] = {0.0f, -0.0f, INFINITY, NAN, 1e-30f};
+  for (int round = 0; round < 4000 && !HasFailure(); ++round) {
+    const int n = 2 + static_cast<int>(rng.Next() % 8);
+    float in[81];
+    for (float &e : in) e = 10.0f * rng.Uniform();
+    if (round % 3 == 0) {
+      for (int i = 0; i < n; ++i) in[10 * i] += 40.0f;
+    }
+    if (round % 4 == 1) {
+      for (int k = 0; k < 1 + round % 5; ++k) in[9 * (rng.Next() % n) + rng.Next() % n] = 0.0f;
+    }
+    if (round % 7 == 2) in[9 * (rng.Next() % n) + rng.Next() % n] = odd[rng.Next() % 5];
+    ExpectSameAsReference(in, n);
+  }
+}
+
+// A 1e-30 leading pivot is not exchanged: the exact inverse [[-1, 1], [1, 0]]
+// is lost. NaN pivots are not exactly zero, so the elimination runs through.
+TEST(InverseMatrix, TinyAndNanPivotsAreNotExchanged) {
+  float tiny[81], nan_in[81], out[81] = {0};
+  Load(tiny, 2, {1e-30f, 1, 1, 1});
+  EXPECT_EQ(ExpectSameAsReference(tiny, 2), 1);
+  inverse_matrix(tiny, out, 2);
   EXPECT_NE(out[0], -1.0f);
+  for (float &v : nan_in) v = NAN;
+  EXPECT_EQ(ExpectSameAsReference(nan_in, 9), 1);
 }
 
 TEST(InverseMatrix, InverseTimesMatrixIsIdentityForEveryOrder) {
   qvn_test::Lcg rng(12345u);
   for (uint8_t n = 2; n <= 9; ++n) {
-    float in[81] = {0};
+    float in[81] = {0}, keep[81], out[81] = {0};
     for (int i = 0; i < n; ++i) {
       for (int j = 0; j < n; ++j) in[9 * i + j] = rng.Uniform();
       in[9 * i + i] += 4.0f;  // diagonally dominant: well conditioned
     }
-    float keep[81];
     memcpy(keep, in, sizeof keep);
-    float out[81] = {0};
     ASSERT_EQ(inverse_matrix(in, out, n), 1) << int(n);
     EXPECT_EQ(memcmp(keep, in, sizeof keep), 0) << "input modified";
     for (int i = 0; i < n; ++i) {
@@ -106,14 +134,6 @@ TEST(InverseMatrix, InverseTimesMatrixIsIdentityForEveryOrder) {
       }
     }
   }
-}
-
-TEST(InverseMatrix, NanInputDoesNotCrash) {
-  float in[81];
-  Fill(in, NAN);
-  float out[81] = {0};
-  // NaN pivots are not exactly zero, so the elimination runs through.
-  EXPECT_EQ(inverse_matrix(in, out, 9), 1);
 }
 
 }  // namespace

@@ -10,63 +10,43 @@
 
 namespace {
 
-TEST(SensorDataNormalize, KnownAnswers) {
-  struct Case {
-    float in[3];
-    float out[3];
+// In place, the norm is taken before anything is written.
+TEST(SensorDataNormalize, KnownAnswersAndInPlace) {
+  const struct {
+    float in[3], out[3];
     int16_t ok;
-  } cases[] = {
-      {{0.0f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.0f}, 0},
-      {{3.0f, 0.0f, 4.0f}, {0.6f, 0.0f, 0.8f}, 1},
-      {{NAN, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f}, 0},
-      {{-2.0f, 0.0f, 0.0f}, {-1.0f, 0.0f, 0.0f}, 1},
-  };
-  for (const Case &c : cases) {
+  } cases[] = {{{0, 0, 0}, {0, 0, 0}, 0}, {{3, 0, 4}, {0.6f, 0, 0.8f}, 1},
+               {{NAN, 1, 1}, {0, 0, 0}, 0}, {{-2, 0, 0}, {-1, 0, 0}, 1}};
+  for (const auto &c : cases) {
     float out[3] = {9.0f, 9.0f, 9.0f};
     EXPECT_EQ(sensor_data_normalize(out, c.in), c.ok);
     for (int i = 0; i < 3; ++i) EXPECT_FLOAT_EQ(out[i], c.out[i]);
   }
-}
-
-TEST(SensorDataNormalize, InPlaceUsesTheNormTakenBeforeWriting) {
   float v[3] = {3.0f, 0.0f, 4.0f};
   ASSERT_EQ(sensor_data_normalize(v, v), 1);
-  EXPECT_EQ(v[0], 3.0f / 5.0f);
-  EXPECT_EQ(v[2], 4.0f / 5.0f);
+  EXPECT_TRUE(v[0] == 3.0f / 5.0f && v[2] == 4.0f / 5.0f);
 }
 
-TEST(SensorDataStdev, KnownAnswers) {
+// Every term divided by n, as the thresholds expect: a single division after
+// the sums rounds differently for the seven-term series.
+TEST(SensorDataStdev, KnownAnswersAndTermByTermDivision) {
   const float four[] = {1.0f, 2.0f, 3.0f, 4.0f};
-  EXPECT_EQ(sensor_data_stdev(four, 0), 0.0f);
-  EXPECT_EQ(sensor_data_stdev(four, -3), 0.0f);
-  EXPECT_EQ(sensor_data_stdev(four, 1), 0.0f);
+  for (int n : {0, -3, 1}) EXPECT_EQ(sensor_data_stdev(four, n), 0.0f) << n;
   EXPECT_FLOAT_EQ(sensor_data_stdev(four, 4), sqrtf(1.25f));
-}
-
-TEST(SensorDataStdev, DividesEveryTermByN) {
-  // Reference accumulation, term by term, as the thresholds expect; a single
-  // division after the sums rounds differently for this series.
-  float data[7];
+  float data[7], mean = 0.0f, var = 0.0f;
   for (int i = 0; i < 7; ++i) data[i] = 0.1f * static_cast<float>(i * i) + 1.0f / 3.0f;
-  float mean = 0.0f;
   for (float d : data) mean += d / 7.0f;
-  float var = 0.0f;
   for (float d : data) var += (d - mean) * (d - mean) / 7.0f;
   EXPECT_EQ(qvn_test::Bits(sensor_data_stdev(data, 7)), qvn_test::Bits(sqrtf(var)));
 }
 
 TEST(NormalizeAngle, WrapsWithTheElevenDecimalPi) {
-  struct Case {
-    float in;
-    float out;
-  } cases[] = {
-      {3.0f, 3.0f},
-      {-3.0f, -3.0f},
-      {3.5f, static_cast<float>(3.5 - 6.28318530718)},
-      {-3.5f, -static_cast<float>(3.5 - 6.28318530718)},
-      {3.1415925f, 3.1415925f},
-  };
-  for (const Case &c : cases) EXPECT_EQ(normalize_angle(c.in), c.out) << c.in;
+  const float wrapped = static_cast<float>(3.5 - 6.28318530718);
+  const struct {
+    float in, out;
+  } cases[] = {{3.0f, 3.0f}, {-3.0f, -3.0f}, {3.5f, wrapped}, {-3.5f, -wrapped},
+               {3.1415925f, 3.1415925f}};
+  for (const auto &c : cases) EXPECT_EQ(normalize_angle(c.in), c.out) << c.in;
   EXPECT_NEAR(normalize_angle(7.0f), 0.71681f, 1e-5f);
   EXPECT_NEAR(normalize_angle(-7.0f), -0.71681f, 1e-5f);
   // The float nearest pi lies above the double bound and so wraps.
@@ -77,15 +57,7 @@ TEST(NormalizeAngle, WrapsWithTheElevenDecimalPi) {
   EXPECT_TRUE(isnan(normalize_angle(NAN)));
 }
 
-TEST(ScalarWrappers, DomainErrorsYieldNaN) {
-  EXPECT_TRUE(isnan(qvn_sqrt(-1.0f)));
-  EXPECT_TRUE(isnan(qvn_cbrt(-8.0f)));
-  EXPECT_TRUE(isnan(qvn_asin(2.0f)));
-  EXPECT_TRUE(isnan(qvn_acos(-1.5f)));
-  EXPECT_FLOAT_EQ(qvn_cbrt(27.0f), 3.0f);
-}
-
-TEST(ScalarWrappers, RoundOnceFromDouble) {
+TEST(ScalarWrappers, RoundOnceFromDoubleAndNaNOutsideTheDomain) {
   const float xs[] = {0.1f, -1.3f, 2.9f, 1e-7f, 100.0f};
   for (float x : xs) {
     EXPECT_EQ(qvn_sin(x), static_cast<float>(sin(static_cast<double>(x))));
@@ -95,6 +67,9 @@ TEST(ScalarWrappers, RoundOnceFromDouble) {
     EXPECT_EQ(qvn_atan2(x, 0.5f), static_cast<float>(atan2(static_cast<double>(x), 0.5)));
   }
   EXPECT_EQ(qvn_sqrt(2.0f), sqrtf(2.0f));
+  EXPECT_TRUE(isnan(qvn_sqrt(-1.0f)) && isnan(qvn_cbrt(-8.0f)));
+  EXPECT_TRUE(isnan(qvn_asin(2.0f)) && isnan(qvn_acos(-1.5f)));
+  EXPECT_FLOAT_EQ(qvn_cbrt(27.0f), 3.0f);
   // pow with the double nearest a third, not cbrt: the two differ for some cubes.
   EXPECT_EQ(qvn_cbrt(1000.0f), static_cast<float>(pow(1000.0, 0.3333333333333333)));
 }

@@ -2,7 +2,6 @@
 // does: d2 < SquaredLimit(limit) exactly when sqrtf(d2) < limit.
 #include <float.h>
 #include <math.h>
-#include <string.h>
 
 #include <gtest/gtest.h>
 
@@ -13,11 +12,7 @@
 namespace {
 
 float Neighbour(float f, int32_t by) {
-  uint32_t b;
-  memcpy(&b, &f, sizeof b);
-  b = static_cast<uint32_t>(static_cast<int32_t>(b) + by);
-  memcpy(&f, &b, sizeof f);
-  return f;
+  return qvn_test::FromBits(qvn_test::Bits(f) + static_cast<uint32_t>(by));
 }
 
 // Both tests on d2, for the floats around the threshold, the special values
