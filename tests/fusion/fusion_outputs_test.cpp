@@ -49,8 +49,6 @@ TEST(FusionGetters, SourcesAccuracyAndTimestamp) {
     EXPECT_EQ(accuracy, 2);
     EXPECT_EQ(t, 123456789012345ull);
   }
-  Getter volatile plain = &qvn_getRotationVector, game = &qvn_getGameRotationVector;
-  EXPECT_EQ(reinterpret_cast<void *>(plain), reinterpret_cast<void *>(game));
 }
 
 TEST(EulerRotationVector, KnownAnswersAndUnitLength) {

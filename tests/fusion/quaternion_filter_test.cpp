@@ -27,10 +27,6 @@ TEST(QuaternionHelpers, HamiltonRulesAndConjugate) {
   float zero[4] = {0, 0, 0, 0};
   q_normalizef(zero);
   EXPECT_EQ(zero[0], 1.0f);
-  // MagCorrection is AccCorrection under a second name.
-  void (*volatile acc)(const float *, const float *, float *) = &AccCorrection;
-  void (*volatile mag)(const float *, const float *, float *) = &MagCorrection;
-  EXPECT_EQ(reinterpret_cast<void *>(acc), reinterpret_cast<void *>(mag));
 }
 
 TEST(RunSensorFusion, CorrectionsAboutZOnlyFromTheEastComponent) {

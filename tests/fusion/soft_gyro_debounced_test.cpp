@@ -2,12 +2,11 @@
 // tracking of a turn is covered through the entry table in soft_gyro_test.
 #include <math.h>
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "fusion/fusion.h"
 #include "fusion/soft_gyro_scene.h"
+#include "support/param_name.h"
 
 namespace {
 
@@ -18,22 +17,10 @@ using sg_test::Mul;
 constexpr float kDt = 0.02f;  // s
 constexpr int16_t kOdr = 50;  // Hz: motion lasts, and fades over, 100 steps
 
-struct Outputs {
-  int16_t result;
-  float gyr[3], rov[4], gra[3], lin[3];
-};
+using sg_test::Outputs;
 
-Outputs Step(Vec3f acc, Vec3f mag) {
-  Outputs o{};
-  o.result = softgyro_orvel(&acc, &mag, o.gyr, o.rov, o.gra, o.lin, kDt);
-  return o;
-}
-
-Outputs Step(const Mat3 &r) {
-  Vec3f acc, mag;
-  sg_test::Readings(r, &acc, &mag);
-  return Step(acc, mag);
-}
+Outputs Step(Vec3f acc, Vec3f mag) { return sg_test::Run(softgyro_orvel, acc, mag, kDt); }
+Outputs Step(const Mat3 &r) { return sg_test::Run(softgyro_orvel, r, kDt); }
 
 struct Debounce {
   const char *name;
@@ -85,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Debounce{"filtered_after_five", 0x08, 4, "OOOOQOOOOOQ", 9},
                       Debounce{"high_byte_ignored", 0x100, 0, "OOOO", -1},
                       Debounce{"no_difference", 0x00, 0, "OOOOO", -1}),
-    [](const ::testing::TestParamInfo<Debounce> &p) { return std::string(p.param.name); });
+    qvn_test::ByName());
 
 struct Fade {
   const char *name;
@@ -131,9 +118,7 @@ TEST_P(FadeTest, RatesFadeLinearlyAfterMotion) {
 
 INSTANTIATE_TEST_SUITE_P(Axes, FadeTest,
                          ::testing::Values(Fade{"all_axes", 0, 0}, Fade{"x_and_z_forced_zero", 1, 1}),
-                         [](const ::testing::TestParamInfo<Fade> &p) {
-                           return std::string(p.param.name);
-                         });
+                         qvn_test::ByName());
 
 // A 0.02 rad increment is scaled by normal_filter and starts a ten-step
 // hold-off: the next ten 0.004 rad increments pass unscaled, the eleventh is

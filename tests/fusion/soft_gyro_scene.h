@@ -73,6 +73,27 @@ inline void Quaternion(const Mat3 &r, double q[4]) {
   q[3] = w;
 }
 
+// One step of a soft-gyroscope variant and everything it reports.
+using SoftGyroFn = int16_t (*)(Vec3f *, Vec3f *, float *, float *, float *, float *, float);
+
+struct Outputs {
+  int16_t result;
+  float gyr[3], rov[4], gra[3], lin[3];
+};
+
+inline Outputs Run(SoftGyroFn variant, Vec3f acc, Vec3f mag, float dt) {
+  Outputs o{};
+  o.result = variant(&acc, &mag, o.gyr, o.rov, o.gra, o.lin, dt);
+  return o;
+}
+
+// One step on the readings of a still device at attitude r.
+inline Outputs Run(SoftGyroFn variant, const Mat3 &r, float dt) {
+  Vec3f acc, mag;
+  Readings(r, &acc, &mag);
+  return Run(variant, acc, mag, dt);
+}
+
 // The soft-gyroscope part of the fusion start-up, at the given output rate.
 inline void StartUp(int16_t odr_hz) {
   qvn_algo_odr = odr_hz;

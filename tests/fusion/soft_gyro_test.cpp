@@ -6,6 +6,7 @@
 #include "api/api.h"
 #include "fusion/fusion.h"
 #include "fusion/soft_gyro_scene.h"
+#include "support/param_name.h"
 #include "support/synthetic.h"
 
 namespace {
@@ -17,26 +18,9 @@ using sg_test::Mul;
 constexpr float kDt = 0.02f;  // s, 50 Hz
 constexpr int16_t kOdr = 50;
 
-struct Outputs {
-  int16_t result;
-  float gyr[3], rov[4], gra[3], lin[3];
-};
+using sg_test::Outputs;
 
-Outputs Step(const Mat3 &r, float dt = kDt) {
-  Vec3f acc, mag;
-  sg_test::Readings(r, &acc, &mag);
-  Outputs o{};
-  o.result = softgyro_calculation(&acc, &mag, o.gyr, o.rov, o.gra, o.lin, dt);
-  return o;
-}
-
-void ExpectPose(const Outputs &o, const Mat3 &r, double tol_ms2, double tol_q) {
-  double g[3], q[4];
-  sg_test::Gravity(r, g);
-  sg_test::Quaternion(r, q);
-  for (int i = 0; i < 3; ++i) EXPECT_NEAR(g[i], o.gra[i], tol_ms2) << i;
-  for (int i = 0; i < 4; ++i) EXPECT_NEAR(q[i], o.rov[i], tol_q) << i;
-}
+Outputs Step(const Mat3 &r, float dt = kDt) { return sg_test::Run(softgyro_calculation, r, dt); }
 
 struct Turn {
   const char *name;
@@ -69,9 +53,8 @@ TEST_P(TurnTest, RateTracksTruthAndRestsAtZero) {
       continue;
     }
     if (k < 150) continue;
-    EXPECT_NEAR(t.wx, o.gyr[0], 0.01) << k;
-    EXPECT_NEAR(t.wy, o.gyr[1], 0.01) << k;
-    EXPECT_NEAR(t.wz, o.gyr[2], 0.01) << k;
+    const double truth[3] = {t.wx, t.wy, t.wz};
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(truth[i], o.gyr[i], 0.01) << k;
   }
   EXPECT_LE(refused, 2);
   for (int k = 0; k < 400; ++k) {
@@ -79,9 +62,15 @@ TEST_P(TurnTest, RateTracksTruthAndRestsAtZero) {
     if (k < 350) continue;
     ASSERT_EQ(1, o.result);
     EXPECT_EQ(0, zdb_counter);
-    for (float g : o.gyr) EXPECT_EQ(0.0f, g);
-    ExpectPose(o, r, 2e-3, 2e-4);
-    for (float l : o.lin) EXPECT_NEAR(0.0f, l, 2e-3f);
+    double g[3], q[4];
+    sg_test::Gravity(r, g);
+    sg_test::Quaternion(r, q);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(0.0f, o.gyr[i]);
+      EXPECT_NEAR(g[i], o.gra[i], 2e-3);
+      EXPECT_NEAR(0.0f, o.lin[i], 2e-3f);
+    }
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(q[i], o.rov[i], 2e-4) << i;
   }
 }
 
@@ -89,9 +78,7 @@ INSTANTIATE_TEST_SUITE_P(Turns, TurnTest,
                          ::testing::Values(Turn{"about_z", 0.0, 0.0, 1.0},
                                            Turn{"about_tilted_axis", 0.5, -0.3, 0.6},
                                            Turn{"backwards", -0.4, 0.2, -0.9}),
-                         [](const ::testing::TestParamInfo<Turn> &p) {
-                           return std::string(p.param.name);
-                         });
+                         qvn_test::ByName());
 
 // Flat, facing north, from a reset: gravity is exact from the first call,
 // which arms the moving state and halves the accelerometer toward the input,
@@ -103,9 +90,7 @@ TEST(SoftGyroTest, FlatDeviceFromReset) {
   ASSERT_EQ(1, softgyro_calculation(&acc, &mag, o.gyr, o.rov, o.gra, o.lin, kDt));
   EXPECT_EQ(2 * kOdr - 1, zdb_counter);
   EXPECT_EQ(4.905f, acc.z);  // smoothed in place
-  EXPECT_EQ(0.0f, o.gra[0]);
-  EXPECT_EQ(0.0f, o.gra[1]);
-  EXPECT_EQ(9.81f, o.gra[2]);
+  EXPECT_TRUE(o.gra[0] == 0.0f && o.gra[1] == 0.0f && o.gra[2] == 9.81f);
   EXPECT_FLOAT_EQ(-4.905f, o.lin[2]);
   for (int k = 0; k < 300; ++k) o = Step(sg_test::Identity());
   EXPECT_NEAR(0.0f, o.lin[2], 1e-3f);
@@ -181,9 +166,7 @@ TEST(SoftGyroTest, RefusedSteps) {
 // Hostile input and host-written state: NaN, infinities, huge values, odd dt
 // and counters. Nothing may crash or index outside a ring (run under the
 // sanitizers in CI); every result is 0 or 1.
-using SoftGyroFn = int16_t (*)(Vec3f *, Vec3f *, float *, float *, float *, float *, float);
-
-class HostileInputTest : public ::testing::TestWithParam<SoftGyroFn> {};
+class HostileInputTest : public ::testing::TestWithParam<sg_test::SoftGyroFn> {};
 
 TEST_P(HostileInputTest, SurvivesAnything) {
   const float pool[] = {NAN, INFINITY, -INFINITY, 0.0f, -0.0f, 1e30f, -1e-40f, 9.81f, -40.0f};
@@ -207,8 +190,7 @@ TEST_P(HostileInputTest, SurvivesAnything) {
     if (n % 29 == 0) mag_avg_cnt = counts[(n / 29) % 7];
     if (n % 31 == 0) qvn_gyro_1st_data = counts[(n / 31) % 7];
     const float dt = (n % 13 == 0) ? pool[(n / 13) % 9] : 0.02f;
-    Outputs o{};
-    const int16_t result = GetParam()(&acc, &mag, o.gyr, o.rov, o.gra, o.lin, dt);
+    const int16_t result = sg_test::Run(GetParam(), acc, mag, dt).result;
     ASSERT_TRUE(result == 0 || result == 1);
   }
 }
@@ -258,26 +240,21 @@ TEST_P(EntryTableTest, TurnThroughThePublicTable) {
     if (k >= 450 && k < 600) {
       for (int i = 0; i < 3; ++i) mean[i] += gyr.values[i] / 150.0;
     }
-    if (k < 250 || (k >= 600 && k < 950)) continue;
-    if (k >= 950) {  // at rest after the turn, the fade included
-      for (int i = 0; i < 3; ++i) EXPECT_EQ(0.0f, fabsf(gyr.values[i])) << k;
-    } else if (k < 300) {  // at rest before it
-      for (int i = 0; i < 3; ++i) EXPECT_EQ(0.0f, fabsf(gyr.values[i])) << k;
-    }
-    if (k < 300 || k >= 950) {
-      const FusionEvent gra = Poll(api.QVN_FusionGetGravity);
-      const FusionEvent rv = Poll(api.QVN_FusionGetRotationVector);
-      double g[3];
-      sg_test::Gravity(r, g);
-      const float *q = rv.values;
-      // Third row of the rotation matrix of q: world up in sensor axes.
-      const double up[3] = {2.0 * (q[0] * q[2] - q[3] * q[1]), 2.0 * (q[1] * q[2] + q[3] * q[0]),
-                            1.0 - 2.0 * (q[0] * q[0] + q[1] * q[1])};
-      EXPECT_NEAR(1.0, q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3], 1e-5);
-      for (int i = 0; i < 3; ++i) {
-        EXPECT_NEAR(g[i], gra.values[i], 1e-3) << k;
-        EXPECT_NEAR(g[i] / sg_test::kG, up[i], 1e-4) << k;
-      }
+    if (k < 250 || (k >= 300 && k < 950)) continue;
+    // At rest before the turn and after it (the fade included).
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(0.0f, fabsf(gyr.values[i])) << k;
+    const FusionEvent gra = Poll(api.QVN_FusionGetGravity);
+    const FusionEvent rv = Poll(api.QVN_FusionGetRotationVector);
+    const float *q = rv.values;
+    double g[3];
+    sg_test::Gravity(r, g);
+    // Third row of the rotation matrix of q: world up in sensor axes.
+    const double up[3] = {2.0 * (q[0] * q[2] - q[3] * q[1]), 2.0 * (q[1] * q[2] + q[3] * q[0]),
+                          1.0 - 2.0 * (q[0] * q[0] + q[1] * q[1])};
+    EXPECT_NEAR(1.0, q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3], 1e-5);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_NEAR(g[i], gra.values[i], 1e-3) << k;
+      EXPECT_NEAR(g[i] / sg_test::kG, up[i], 1e-4) << k;
     }
   }
   for (int i = 0; i < 3; ++i) EXPECT_NEAR(w[i], mean[i], 0.1) << "axis " << i;

@@ -57,4 +57,8 @@ float FromBits(uint32_t b) {
   return f;
 }
 
+bool SameBits(const float *a, const float *b, int n) {
+  return memcmp(a, b, sizeof(float) * static_cast<size_t>(n)) == 0;
+}
+
 }  // namespace qvn_test

@@ -38,6 +38,8 @@ void ToPlanes(const std::vector<Point3> &pts, float *x, float *y, float *z);
 
 uint32_t Bits(float f);
 float FromBits(uint32_t b);
+// The n floats at a and b are the same bits (NaN payloads and zero signs too).
+bool SameBits(const float *a, const float *b, int n);
 
 }  // namespace qvn_test
 
