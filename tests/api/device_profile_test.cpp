@@ -102,9 +102,8 @@ TEST_P(VariantInit, InitInstallsTheVariantsMatrixAndProfile) {
     EXPECT_EQ(g_default_sfi_array[i], c.matrix[i]) << i;
     EXPECT_EQ(static_sfi[i], c.matrix[i]) << i;
   }
-  EXPECT_EQ(comp_charging_x, c.charging[0]);
-  EXPECT_EQ(comp_charging_y, c.charging[1]);
-  EXPECT_EQ(comp_charging_z, c.charging[2]);
+  EXPECT_TRUE(comp_charging_x == c.charging[0] && comp_charging_y == c.charging[1] &&
+              comp_charging_z == c.charging[2]);
   char first[64];
   snprintf(first, sizeof first, "qvn_cali g_default_sfi_array [0-2] ,%f,%f,%f",
            static_cast<double>(c.matrix[0]), static_cast<double>(c.matrix[1]),

@@ -1,12 +1,9 @@
-// No entry of the library touches the heap once it has run once: a replay
-// through the entry table, with every fitting method, both fusion paths and
-// both soft gyroscopes, counts the allocations made anywhere in the process
-// after the first magnetometer step. The count must stay at zero, with the
-// log silenced and with every line formatted into a sink that discards it.
-//
-// The counter replaces malloc and its relatives in this executable; the
-// dynamic linker then binds every shared object's calls (the library's,
-// libstdc++'s operator new, the log library's) to it.
+// No entry touches the heap once it has run once: a replay through the entry
+// table (every fitting method, both fusion paths, both soft gyroscopes)
+// counts the allocations anywhere in the process after the first
+// magnetometer step, with the log silenced and with every line formatted
+// into a sink that discards it. The counter replaces malloc and its
+// relatives in this executable, so every shared object's calls bind to it.
 #include <errno.h>
 #include <stddef.h>
 #include <stdlib.h>
