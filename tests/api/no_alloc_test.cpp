@@ -16,6 +16,7 @@
 
 #include "cali/cali.h"
 #include "fusion/fusion.h"
+#include "support/param_name.h"
 #include "support/replay.h"
 
 extern "C" {
@@ -130,8 +131,7 @@ const Case kCases[] = {
     {"EveryLineFormattedOval", 1, 0, 0, true},
 };
 
-INSTANTIATE_TEST_SUITE_P(Replay, NoAllocation, ::testing::ValuesIn(kCases),
-                         [](const ::testing::TestParamInfo<Case> &i) { return i.param.name; });
+INSTANTIATE_TEST_SUITE_P(Replay, NoAllocation, ::testing::ValuesIn(kCases), qvn_test::ByName());
 
 // The counter itself: it must see the allocations of this executable, of
 // operator new and of another shared object (the log library's stderr

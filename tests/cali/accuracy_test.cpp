@@ -3,11 +3,10 @@
 // the two counters count non-consecutive samples.
 #include <math.h>
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "cali/cali.h"
+#include "support/param_name.h"
 #include "support/synthetic.h"
 
 namespace {
@@ -48,8 +47,7 @@ TEST_P(AccuracyGrade, DropsOnTheDocumentedCall) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Defaults, AccuracyGrade, ::testing::ValuesIn(kCases),
-                         [](const ::testing::TestParamInfo<GradeCase> &i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Defaults, AccuracyGrade, ::testing::ValuesIn(kCases), qvn_test::ByName());
 
 TEST(AccuracyLevel, CountersAreNotConsecutiveAndClearOnlyInTheNarrowBand) {
   float narrow[3], wide[3], good[3];

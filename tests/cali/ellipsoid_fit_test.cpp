@@ -3,12 +3,12 @@
 // codes and outputs follow each stage.
 #include <math.h>
 
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "cali/cali.h"
+#include "support/param_name.h"
 #include "support/synthetic.h"
 
 namespace {
@@ -27,6 +27,18 @@ std::vector<Point3> Shaped(int n, const double *s, double r, const double *c, fl
     pts.push_back(Point3{static_cast<float>(c[0] + a) + noise * lcg.Uniform(),
                          static_cast<float>(c[1] + b) + noise * lcg.Uniform(),
                          static_cast<float>(c[2] + d) + noise * lcg.Uniform()});
+  }
+  return pts;
+}
+
+// A one-sheet hyperboloid about (cx, cy, 0): its shape matrix has a
+// negative axis.
+std::vector<Point3> Hyperboloid(int n, float cx, float cy) {
+  std::vector<Point3> pts;
+  const std::vector<Point3> d = qvn_test::FibonacciSphere(n);
+  for (int i = 0; i < n; ++i) {
+    const float rho = 45.0f * sqrtf(1.0f + d[i].z * d[i].z), phi = 2.39996f * static_cast<float>(i);
+    pts.push_back(Point3{rho * cosf(phi) + cx, rho * sinf(phi) + cy, 20.0f * d[i].z});
   }
   return pts;
 }
@@ -59,8 +71,7 @@ TEST_P(EllipsoidRecovery, RecoversShapeCentreAndScale) {
   EXPECT_TRUE(sfi[1] == 0.0f && sfi[2] == 0.0f && sfi[5] == 0.0f);
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, EllipsoidRecovery, ::testing::ValuesIn(kShapes),
-                         [](const ::testing::TestParamInfo<Shape> &i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Shapes, EllipsoidRecovery, ::testing::ValuesIn(kShapes), qvn_test::ByName());
 
 TEST(EllipsoidFit, DegenerateCloudsFail) {
   float x[300], y[300], z[300], hdi[3], sfi[9], scale = -1.0f;
@@ -69,11 +80,7 @@ TEST(EllipsoidFit, DegenerateCloudsFail) {
   EXPECT_EQ(calculate_magnetic_sfi_hdi(x, y, z, 0, hdi, sfi, &scale), 1);
   EXPECT_EQ(calculate_magnetic_sfi_hdi(x, y, z, 65535, hdi, sfi, &scale), 1);  // -1 signed
   EXPECT_EQ(calculate_magnetic_sfi_hdi(x, y, z, 200, hdi, sfi, &scale), 2);    // planar
-  // One-sheet hyperboloid: the shape matrix has a negative axis.
-  for (int i = 0; i < 200; ++i) {
-    const float rho = 45.0f * sqrtf(1.0f + d[i].z * d[i].z), phi = 2.39996f * static_cast<float>(i);
-    x[i] = rho * cosf(phi), y[i] = rho * sinf(phi), z[i] = 20.0f * d[i].z;
-  }
+  qvn_test::ToPlanes(Hyperboloid(200, 0.0f, 0.0f), x, y, z);
   EXPECT_EQ(calculate_magnetic_sfi_hdi(x, y, z, 200, hdi, sfi, &scale), 3);
   EXPECT_EQ(scale, -1.0f);
 }
@@ -104,16 +111,9 @@ TEST_P(OvalMethod, CodesAndOutputs) {
   const OvalCase &c = GetParam();
   qvn_MagCal_initial(0);  // the device's field range, radius limits and matrix bounds
   g_en_mtkScpLog = 0, dsc_data_size = 100, qvn_algo_odr = c.odr, cali_radius = 33.0f;
-  std::vector<Point3> pts;
-  if (c.shape >= 0) {
-    pts = Shaped(100, kShapes[c.shape].s, c.radius, c.centre, c.shape == 2 ? 0.3f : 0.0f);
-  } else {
-    const std::vector<Point3> d = qvn_test::FibonacciSphere(100);
-    for (int i = 0; i < 100; ++i) {
-      const float rho = 45.0f * sqrtf(1.0f + d[i].z * d[i].z), phi = 2.39996f * static_cast<float>(i);
-      pts.push_back(Point3{rho * cosf(phi) + 3, rho * sinf(phi) - 4, 20.0f * d[i].z});
-    }
-  }
+  const std::vector<Point3> pts =
+      c.shape >= 0 ? Shaped(100, kShapes[c.shape].s, c.radius, c.centre, c.shape == 2 ? 0.3f : 0.0f)
+                   : Hyperboloid(100, 3.0f, -4.0f);
   float sfi[9] = {7, 7, 7, 7, 7, 7, 7, 7, 7}, hdi[3] = {-99, -99, -99};
   int16_t code = -1;
   for (size_t i = 0; i < pts.size(); ++i) {
@@ -147,7 +147,6 @@ TEST_P(OvalMethod, CodesAndOutputs) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, OvalMethod, ::testing::ValuesIn(kOvalCases),
-                         [](const ::testing::TestParamInfo<OvalCase> &i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Cases, OvalMethod, ::testing::ValuesIn(kOvalCases), qvn_test::ByName());
 
 }  // namespace

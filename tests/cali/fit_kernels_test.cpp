@@ -1,13 +1,9 @@
 // The fits' batch loops are vectorised across matrix elements; each element
-// must still be the float sum, in sample order, of the plain loop. These
-// tests build the normal equations with the plain loops of the fits'
-// definitions and compare the library's work matrices and results bit for
-// bit, on batches of every length (multiples of four and not), with
-// ordinary samples and with -0, infinities and NaN mixed in.
+// must still be the float sum, in sample order, of the plain loop. The plain
+// loops of the fits' definitions run beside the library, bit for bit, on
+// batches of every length, with -0, infinities and NaN mixed in or not.
 #include <math.h>
 #include <string.h>
-
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -42,7 +38,7 @@ Batch MakeBatch(qvn_test::Lcg &rng, int n, bool odd) {
   return b;
 }
 
-bool SameBits(const float *a, const float *b, int n) { return memcmp(a, b, sizeof(float) * n) == 0; }
+using qvn_test::SameBits;
 
 // The 4 x 4 normal matrix of the sphere fit, summed as the design states.
 void SphereNormal(const Batch &b, float m[16], float rhs[4]) {

@@ -3,12 +3,11 @@
 // offset check rejects what it should, and the method handles full batches.
 #include <math.h>
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "cali/cali.h"
 #include "support/log_capture.h"
+#include "support/param_name.h"
 #include "support/synthetic.h"
 
 namespace {
@@ -62,8 +61,9 @@ int16_t Fit(const Batch &s, int16_t n, float hdi[3]) {
 }
 
 struct RecoveryCase {
-  double h;      // s
-  float noise;   // uT
+  const char *name;
+  double h;     // s
+  float noise;  // uT
 };
 
 class GyroOffsetRecovery : public ::testing::TestWithParam<RecoveryCase> {};
@@ -80,12 +80,11 @@ TEST_P(GyroOffsetRecovery, ReturnsPlantedOffsetWithinDiscretisationError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, GyroOffsetRecovery,
-                         ::testing::Values(RecoveryCase{0.01, 0.0f}, RecoveryCase{0.02, 0.0f},
-                                           RecoveryCase{0.01, 0.3f}, RecoveryCase{0.04, 0.3f}),
-                         [](const ::testing::TestParamInfo<RecoveryCase> &i) {
-                           return "step" + std::to_string(static_cast<int>(i.param.h * 1000)) + "ms_noise" +
-                                  std::to_string(static_cast<int>(i.param.noise * 10));
-                         });
+                         ::testing::Values(RecoveryCase{"step10ms", 0.01, 0.0f},
+                                           RecoveryCase{"step20ms", 0.02, 0.0f},
+                                           RecoveryCase{"step10ms_noise", 0.01, 0.3f},
+                                           RecoveryCase{"step40ms_noise", 0.04, 0.3f}),
+                         qvn_test::ByName());
 
 TEST(GyroOffsetFit, DegenerateBatchesFail) {
   const double b[3] = {1, 2, 3};

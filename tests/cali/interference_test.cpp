@@ -1,10 +1,10 @@
 // Interference detection (exact clip, 300 uT jump from the last detection),
 // the countdown it starts, and the clipped soft-iron product.
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "cali/cali.h"
+
+#include "support/param_name.h"
 
 namespace {
 
@@ -37,8 +37,7 @@ TEST_P(InterferenceFlag, FlagsClipsAndJumps) {
   EXPECT_EQ(mag_interf_pre[0], c.flagged ? c.sample[0] : c.pre[0]);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, InterferenceFlag, ::testing::ValuesIn(kCases),
-                         [](const ::testing::TestParamInfo<FlagCase> &i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Cases, InterferenceFlag, ::testing::ValuesIn(kCases), qvn_test::ByName());
 
 TEST(Interference, CountdownRunsDownAndRestartsAtFullLength) {
   mag_field_range = 1600.0f;
