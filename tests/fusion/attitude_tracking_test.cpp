@@ -1,13 +1,10 @@
 // Both fusion paths on synthetic poses with known ground truth, driven as the
-// host drives them and read back through the entry table.
-//
-// World: x east, y north, z up; the field has 30 uT north and 40 uT down. A
-// device at azimuth psi (clockwise from north) reads (-30 sin psi,
-// 30 cos psi, -40) when level; it is tilted by w = Rx(pitch) Ry(roll) b, the
-// inverse of the compass's levelling. The soft gyroscope is off (it smooths
-// the inputs in place and is tested on its own); the gyroscope path's ramp
-// is written as the rate tracking writes it at 50 Hz; the compass path gets
-// the calibrated field in g_fusion_mag and is stepped as QVN_DoCaliAPI does.
+// host drives them and read back through the entry table. World: x east,
+// y north, z up; field 30 uT north, 40 uT down. Level at azimuth psi
+// (clockwise from north) a device reads (-30 sin psi, 30 cos psi, -40);
+// tilted, w = Rx(pitch) Ry(roll) b, the inverse of the compass's levelling.
+// The soft gyroscope is off (tested on its own); the compass path gets the
+// calibrated field in g_fusion_mag and is stepped as QVN_DoCaliAPI does.
 #include <math.h>
 #include <stdio.h>
 #include <string.h>

@@ -29,14 +29,12 @@ struct Turn {
 
 class TurnTest : public ::testing::TestWithParam<Turn> {};
 
-// While turning, the virtual rate settles on the true body rate. The median
-// and mean windows and the moving-state low-pass delay the attitude by about
-// 21 samples; a constant rate passes that delay unchanged once 150 samples
-// (3 s) have flowed through. What remains is geometric: the three angles of
-// one step's rotation differ from w dt by products of two rates times dt^2/2,
-// up to |w|^2 dt / 2 = 0.007 rad/s for these turns, so the tolerance is
-// 0.01 rad/s per axis. At rest afterwards the rates are exactly 0, and
-// gravity and rotation vector are those of the final attitude.
+// While turning, the virtual rate settles on the true body rate: the filters
+// delay the attitude by about 21 samples, which a constant rate passes
+// unchanged after 150. What remains is geometric: one step's three angles
+// differ from w dt by up to |w|^2 dt / 2 = 0.007 rad/s here, so 0.01 rad/s
+// per axis. At rest afterwards the rates are exactly 0, and gravity and
+// rotation vector are those of the final attitude.
 TEST_P(TurnTest, RateTracksTruthAndRestsAtZero) {
   const Turn t = GetParam();
   sg_test::StartUp(kOdr);
@@ -198,14 +196,12 @@ TEST_P(HostileInputTest, SurvivesAnything) {
 INSTANTIATE_TEST_SUITE_P(BothVariants, HostileInputTest,
                          ::testing::Values(softgyro_calculation, softgyro_orvel));
 
-// The whole no-gyroscope path through the entry table, for both variants: the
-// host pushes accelerometer and field samples at 50 Hz and polls the outputs.
-// The field reaches the soft gyroscope through the calibration, whose
-// conditioning lags the raw field and may shift it by a few uT; at 45 uT that
-// bends the attitude by a few degrees that change during the turn, so the
-// rate is judged by its mean over the settled part of the turn, within
-// 0.1 rad/s per axis. At rest the rates are 0, gravity is exact, and the
-// rotation vector is a unit quaternion that tilts the world's up onto gravity.
+// The whole no-gyroscope path through the entry table, both variants, at
+// 50 Hz. The calibration's conditioning lags the field and may shift it by a
+// few uT, bending the attitude by a few degrees that change during the turn:
+// the rate is judged by its mean over the settled turn, within 0.1 rad/s per
+// axis. At rest the rates are 0, gravity is exact, and the rotation vector
+// is a unit quaternion that tilts the world's up onto gravity.
 class EntryTableTest : public ::testing::TestWithParam<uint8_t> {};
 
 FusionEvent Poll(QvnFusionGetFn get) {
