@@ -97,11 +97,14 @@ struct RunResult {
   CaliResult last;
   int first_accurate = -1;
   float worst_field_error = 0.0f;  // | |field| - radius | once at accuracy 3
+  int16_t period_at_burst = -1;     // interf_cnt_cnt after the burst sample
+  int period_steps = 0;             // samples fitted by the interference method
 };
 
 // Samples offset + radius * random direction + noise, in the frame after the
-// device matrix; the raw samples undo that matrix.
-RunResult DriveTable(const float offset[3], float radius, int samples) {
+// device matrix; the raw samples undo that matrix. Sample burst_at has a raw
+// x of 600 uT.
+RunResult DriveTable(const float offset[3], float radius, int samples, int burst_at = -1) {
   qvn_host_set_sysfs_root("/nonexistent-qvn-sysfs");  // no charging current
   const ChipInfo chip = {0, 0, 1};
   MAG_LIB_API_INTERFACE.QVN_CaliInitLib(&chip);
@@ -128,8 +131,12 @@ RunResult DriveTable(const float offset[3], float radius, int samples) {
       *raw[i] = static_cast<float>(
           (inv[3 * i] * fld[0] + inv[3 * i + 1] * fld[1] + inv[3 * i + 2] * fld[2]) / det);
     }
+    if (n == burst_at) ev.x = 600.0f;
+    const int16_t period = interf_cnt_cnt;
     MAG_LIB_API_INTERFACE.QVN_CaliApiSetMagData(&ev);
     MAG_LIB_API_INTERFACE.QVN_DoCaliAPI(&ev, &r.last);
+    if (n == burst_at) r.period_at_burst = interf_cnt_cnt;
+    if (interf_cnt_cnt == period - 1 && mag_cali_mode == k7q_interference_mode) ++r.period_steps;
     if (r.last.accuracy != 3) continue;
     if (r.first_accurate < 0) r.first_accurate = n;
     const float m = sqrtf(r.last.x * r.last.x + r.last.y * r.last.y + r.last.z * r.last.z);
@@ -151,6 +158,21 @@ TEST(DriverEndToEnd, BallMethodFindsOffsetAndReachesAccuracy3) {
   EXPECT_NEAR(r.last.bias_z, 12.25f, 0.5f);
   EXPECT_LT(r.worst_field_error, 1.0f);
   EXPECT_EQ(qvn_caliParameter[1], static_cast<int32_t>(r.last.bias_y * 100.0f));
+}
+
+// A raw axis above the profile's 450 uT during the hold after the rate switch
+// starts an interference period of 50 Hz x 60 s samples, each fitted by the
+// profile's interference method; calibration converges all the same.
+TEST(DriverEndToEnd, InterferenceBurstDuringAHoldStartsAPeriod) {
+  const float offset[3] = {23.5f, -41.0f, 12.25f};
+  const RunResult r = DriveTable(offset, 45.0f, 4500, 20);
+  EXPECT_EQ(r.period_at_burst, 50 * 60);
+  EXPECT_EQ(r.period_steps, 50 * 60);
+  EXPECT_EQ(interf_cnt_cnt, 0);
+  EXPECT_EQ(r.last.accuracy, 3);
+  EXPECT_NEAR(r.last.bias_x, 23.5f, 0.5f);
+  EXPECT_NEAR(r.last.bias_y, -41.0f, 0.5f);
+  EXPECT_NEAR(r.last.bias_z, 12.25f, 0.5f);
 }
 
 TEST(DriverEndToEnd, OutsideTheLimitsNothingIsAdopted) {
