@@ -1,6 +1,8 @@
 // Soft gyroscope on synthetic readings of a device with a known attitude.
 #include <math.h>
 
+#include <string>
+
 #include <gtest/gtest.h>
 
 #include "api/api.h"
@@ -193,8 +195,14 @@ TEST_P(HostileInputTest, SurvivesAnything) {
   }
 }
 
+// Named by variant: a function address would change from process to process
+// and CTest, which runs each case by name, would then find no case to run.
 INSTANTIATE_TEST_SUITE_P(BothVariants, HostileInputTest,
-                         ::testing::Values(softgyro_calculation, softgyro_orvel));
+                         ::testing::Values(softgyro_calculation, softgyro_orvel),
+                         [](const ::testing::TestParamInfo<sg_test::SoftGyroFn> &i) {
+                           return std::string(i.param == softgyro_calculation ? "plain"
+                                                                              : "debounced");
+                         });
 
 // The whole no-gyroscope path through the entry table, both variants, at
 // 50 Hz. The calibration's conditioning lags the field and may shift it by a
