@@ -129,7 +129,6 @@ int main(int argc, char **argv) {
     if (better) best = c;
   }
   bar.Show(done, best.heading, elapsed());
-  double seconds = elapsed();
 
   SetScores d, t;
   d.train = base.parts;
@@ -140,7 +139,7 @@ int main(int argc, char **argv) {
   full.insert(full.end(), best.set.begin(), best.set.end());
 
   std::vector<std::string> note =
-      TuneSummaryLines(o, ctx, done, seconds, base.heading, best.heading, max_tilt, d, t);
+      TuneSummaryLines(o, ctx, done, base.heading, best.heading, max_tilt, d, t);
   if (!WriteTextFile(o.out_set, SetFileText(full, note), &error) ||
       !WriteTextFile(o.out_c, CSnippetText(full, CSnippetNote(note)), &error)) {
     return TuneFail(kTuneExitRuntime, error);

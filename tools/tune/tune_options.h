@@ -49,7 +49,7 @@ int PrepareTune(const TuneOptions &o, TuneContext *ctx, std::string *error);
 // The lines that head the report and the set file: command, objective,
 // search, and the mean scores of both sets on the training and test parts.
 std::vector<std::string> TuneSummaryLines(const TuneOptions &o, const TuneContext &ctx, size_t done,
-                                          double seconds, double base_heading, double best_heading,
+                                          double base_heading, double best_heading,
                                           double max_tilt, const SetScores &defaults,
                                           const SetScores &tuned);
 
