@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "qvnlib/qvnlib.h"
+
 namespace {
 
 std::set<std::string> RequiredNames() {
@@ -66,6 +68,33 @@ TEST(Exports, AliasedRoutinesShareOneAddress) {
   ASSERT_NE(lib, nullptr);
   EXPECT_EQ(dlsym(lib, "qvn_getGameRotationVector"), dlsym(lib, "qvn_getRotationVector"));
   EXPECT_EQ(dlsym(lib, "MagCorrection"), dlsym(lib, "AccCorrection"));
+  dlclose(lib);
+}
+
+// What a sensor service does: load the library, find the table by name and
+// drive a calibration step through it.
+TEST(Exports, AHostFindsTheTableByNameAndCallsThroughIt) {
+  void *lib = dlopen(QVN_LIB_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(lib, nullptr) << dlerror();
+  const auto *api =
+      static_cast<const QvnLibApiTable *>(dlsym(lib, QVNLIB_TABLE_SYMBOL));
+  ASSERT_NE(api, nullptr);
+  EXPECT_STREQ(api->name, "libqvnlib");
+  ChipInfo info = {0, 0, 0};
+  EXPECT_EQ(api->QVN_CaliInitLib(&info), 0);
+  EXPECT_EQ(api->QVN_FusionEnableLib(7), 7);
+  const float offset[3] = {1.5f, -2.5f, 3.0f};
+  api->QVN_CaliApiSetOffset(offset);
+  SensorEvent mag = {2000000000, 31.5f, -22.5f, 43.0f, 3};
+  CaliResult out;
+  EXPECT_EQ(api->QVN_CaliApiSetMagData(&mag), 0);
+  EXPECT_EQ(api->QVN_DoCaliAPI(&mag, &out), 0);
+  EXPECT_EQ(out.timestamp, 2000000000);
+  EXPECT_EQ(out.bias_x, 1.5f);
+  EXPECT_EQ(out.bias_z, 3.0f);
+  FusionEvent e;
+  EXPECT_EQ(api->QVN_FusionGetOrientation(&e), 0);
+  EXPECT_EQ(e.timestamp, 2000000000);  // hwGyro 0: the calibration step ran fusion
   dlclose(lib);
 }
 
