@@ -55,6 +55,10 @@ const char kHelp[] =
     "                       (the host order that keeps the hwGyro 1 quaternion finite)\n"
     "  --reinit-on-nan      after a step whose attitude outputs are not finite, call\n"
     "                       QVN_CaliInitLib again (with the sets), as a host could\n"
+    "  --host-layer         replay through the host layer (libqvnhostlayer: input\n"
+    "                       hygiene, gyroscope held until the first magnetometer\n"
+    "                       sample, recovery from outputs that are not finite)\n"
+    "                       instead of the bare table\n"
     "  --from S, --to S     replay only events from S to S seconds after the file's\n"
     "                       first event (default: all), from a fresh library\n"
     "  --gt FILE            true orientation t_ns,qw,qx,qy,qz (phone to east-north-up)\n"
@@ -116,6 +120,8 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
       o->summary = false;
     } else if (a == "--reinit-on-nan") {
       o->reinit_on_nan = true;
+    } else if (a == "--host-layer") {
+      o->host_layer = true;
     } else if (a == "--no-lag") {
       o->lag = false;
     } else if (a.rfind("--", 0) == 0 && !TakesValue(a)) {

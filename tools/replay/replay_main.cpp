@@ -13,6 +13,7 @@
 #include "core/ground_truth.h"
 #include "core/tunables.h"
 #include "replay/accuracy.h"
+#include "replay/layer_replay.h"
 #include "replay/library.h"
 #include "replay/options.h"
 #include "replay/replay_loop.h"
@@ -119,8 +120,12 @@ int main(int argc, char **argv) {
     api.QVN_CaliInitLib(&chip);
     ApplySets(lib, o.sets);
   };
-  initialise();
-  api.QVN_FusionEnableLib(1);
+  if (!o.host_layer) {
+    initialise();
+    api.QVN_FusionEnableLib(1);
+  } else if (!OpenHostLayer(lib, o.hw_gyro, o.sets, &error)) {
+    return ReplayFail(kExitRuntime, error);
+  }
   if (o.list) {
     ListTunables(lib);
     return 0;
@@ -139,7 +144,8 @@ int main(int argc, char **argv) {
     return folder.SetCurrent(current, why);
   };
   std::vector<StepRow> rows;
-  if (!RunReplay(lib, events, config, &rows, &sum.counts, &error))
+  if (!(o.host_layer ? RunLayerReplay : RunReplay)(lib, events, config, &rows, &sum.counts,
+                                                   &error))
     return ReplayFail(kExitRuntime, error);
   if (!o.out.empty() && !WriteStepCsv(o.out, rows, &error)) return ReplayFail(kExitRuntime, error);
 
@@ -169,6 +175,7 @@ int main(int argc, char **argv) {
     sum.truth = o.truth.empty() ? nullptr : &truth;
     sum.truth_path = o.truth;
     PrintSummary(sum, stdout);
+    if (o.host_layer) PrintLayerCounters(stdout);
   }
   return 0;
 }
