@@ -14,7 +14,7 @@ set -euo pipefail
 seconds="${1:-60}"
 cd "$(dirname "$0")/.."
 build="${QVN_FUZZ_BUILD_DIR:-build-fuzz}"
-harnesses=(host_calls_fuzzer fits_fuzzer)
+harnesses=(host_calls_fuzzer fits_fuzzer recovery_fuzzer)
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQVN_BUILD_FUZZ=ON -DQVN_BUILD_TESTS=OFF -DQVN_BUILD_TOOLS=OFF -DQVN_BUILD_BENCH=OFF >/dev/null
