@@ -136,9 +136,10 @@ QVN_LAYER_API int qvn_layer_set_tunable(const char *name, size_t byte_offset, co
  * recovery). */
 QVN_LAYER_API void qvn_layer_clear_tunables(void);
 
-/* Recovers now, as after a non-finite output: load-time state, initialisation,
- * the host's tunable set, the last good calibration. Returns 0, or -1 when the
- * layer is not open. */
+/* Does now what a recovery does: load-time state, initialisation, the host's
+ * tunable set, the last good calibration; for a host that has changed its
+ * tunable set (values that initialisation copies need it). Not counted as a
+ * recovery. Returns 0, or -1 when the layer is not open. */
 QVN_LAYER_API int qvn_layer_recover(void);
 
 /* Returns every writable byte of the core (all variables, exported or not)

@@ -148,6 +148,7 @@ void Recover(Layer &l, const char *why) {
   l.load_state.Restore();
   ForgetRun(l);
   Initialise(l);
+  if (why == nullptr) return;  // asked for by the host: not a recovery from a fault
   l.counters.recoveries++;
   if (l.counters.first_recovery_ns == 0) l.counters.first_recovery_ns = l.now_ns;
   l.counters.last_recovery_ns = l.now_ns;
@@ -458,7 +459,7 @@ void qvn_layer_clear_tunables(void) {
 
 int qvn_layer_recover(void) {
   if (!g_layer.open) return -1;
-  qvn_layer::Recover(g_layer, "asked by the host");
+  qvn_layer::Recover(g_layer, nullptr);
   return 0;
 }
 
