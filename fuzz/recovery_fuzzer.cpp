@@ -45,8 +45,8 @@ enum Op : uint8_t {
 
 constexpr int64_t kClockStart = 1000000000;
 constexpr int kSampleBudget = 300;
-constexpr int kSceneSteps = 250;            // 10 s at 25 Hz
-constexpr int64_t kSceneStep = 40000000;    // ns
+constexpr int kSceneSteps = 100;            // 10 s at 10 Hz
+constexpr int64_t kSceneStep = 100000000;   // ns
 constexpr int64_t kSceneStart = 3000000000;
 
 void *g_core = nullptr;  // held, so that closing the layer never unloads the core

@@ -285,8 +285,6 @@ int qvn_layer_open(const QvnLayerConfig *config, char *error, size_t error_size)
     why.clear();
   }
   if (l.api == nullptr || !why.empty()) {
-    l.load_state.~LoadState();
-    new (&l.load_state) LoadState();
     dlclose(l.handle);
     l.handle = nullptr;
     return -1;
@@ -320,9 +318,7 @@ void qvn_layer_close(void) {
   Layer &l = g_layer;
   if (!l.open) return;
   if (l.kept_dirty) Save(l);
-  l.load_state.Restore();
-  l.load_state.~LoadState();
-  new (&l.load_state) LoadState();
+  l.load_state.Restore();  // the copy's memory is kept for the next open
   dlclose(l.handle);
   l.handle = nullptr;
   l.api = nullptr;

@@ -76,7 +76,7 @@ __attribute__((no_sanitize("address"))) void RawCopy(unsigned char *dst, const u
 }  // namespace
 
 LoadState::~LoadState() {
-  for (size_t i = 0; i < count_; ++i) std::free(ranges_[i].copy);
+  for (Range &r : ranges_) std::free(r.copy);
 }
 
 bool LoadState::Capture(const void *anchor, std::string *error) {
@@ -91,17 +91,27 @@ bool LoadState::Capture(const void *anchor, std::string *error) {
     *error = "the core has no writable segment";
     return false;
   }
+  // A copy of the same size from an earlier capture is reused (a host that
+  // closes and opens the layer again does not allocate again).
+  for (size_t i = f.count; i < kMaxRanges; ++i) {
+    std::free(ranges_[i].copy);
+    ranges_[i] = Range();
+  }
+  count_ = 0;
   for (size_t i = 0; i < f.count; ++i) {
-    Range &r = ranges_[count_];
+    Range &r = ranges_[i];
+    if (r.copy == nullptr || r.size != f.size[i]) {
+      std::free(r.copy);
+      r.copy = static_cast<unsigned char *>(std::malloc(f.size[i]));
+    }
     r.begin = f.begin[i];
     r.size = f.size[i];
-    r.copy = static_cast<unsigned char *>(std::malloc(r.size));
     if (r.copy == nullptr) {
       *error = "no memory for the copy of the core's data";
       return false;
     }
     RawCopy(r.copy, reinterpret_cast<const unsigned char *>(r.begin), r.size);
-    count_++;
+    count_ = i + 1;
   }
   return true;
 }
