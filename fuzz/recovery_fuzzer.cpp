@@ -44,7 +44,7 @@ enum Op : uint8_t {
 };
 
 constexpr int64_t kClockStart = 1000000000;
-constexpr int kSampleBudget = 300;
+constexpr int kSampleBudget = 200;
 constexpr int kSceneSteps = 100;            // 10 s at 10 Hz
 constexpr int64_t kSceneStep = 100000000;   // ns
 constexpr int64_t kSceneStart = 3000000000;
