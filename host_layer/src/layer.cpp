@@ -120,8 +120,13 @@ void ForgetRun(Layer &l) {
 void Initialise(Layer &l) {
   ApplyTunables(l);
   if (l.kept.has_offset && l.cali_parameter != nullptr && l.accuracy != nullptr) {
+    // Hundredths of a microtesla, truncated, as the core keeps them; a host
+    // limit so wide that the product leaves int32 saturates.
     for (int i = 0; i < 3; ++i) {
-      l.cali_parameter[i] = static_cast<int32_t>(l.kept.offset[i] * 100.0f);
+      const float h = l.kept.offset[i] * 100.0f;
+      l.cali_parameter[i] = h >= 2147483520.0f    ? INT32_MAX
+                            : h <= -2147483648.0f ? INT32_MIN
+                                                  : static_cast<int32_t>(h);
     }
     *l.accuracy = l.kept.accuracy;
   }
@@ -196,6 +201,11 @@ void Save(Layer &l) {
 void KeepGood(Layer &l, const CaliResult &r) {
   if (r.accuracy <= 0) return;
   const float offset[3] = {r.bias_x, r.bias_y, r.bias_z};
+  // An offset beyond the magnetometer's range is no calibration to come back
+  // to (a host wrote it, or the core was fed nonsense).
+  const float lim = l.limit[QVN_LAYER_MAG];
+  if (std::fabs(offset[0]) > lim || std::fabs(offset[1]) > lim || std::fabs(offset[2]) > lim)
+    return;
   if (l.kept.has_offset && memcmp(l.kept.offset, offset, sizeof offset) == 0 &&
       l.kept.accuracy == r.accuracy)
     return;
