@@ -49,7 +49,7 @@ def i32(v):
 
 # ---- host-calls harness: opcodes of host_calls_fuzzer.cpp
 (INIT, ACCEL, GYRO, MAG, DOCALI, MAGPAIR, GETTER, GETOFFSET, SETOFFSET, ENABLE, TUNABLE, LOG,
- ORBIT, FULLSTEP) = range(14)
+ ORBIT, FULLSTEP, ANY_ELEMENT) = range(15)
 STEP_20MS = 80  # time code: 80 quarter milliseconds
 
 
@@ -92,6 +92,12 @@ ALL_GETTERS = u8(GETTER) + u8(7)
 
 
 def host_seeds():
+    # Writes to elements of the generated list of every exported variable
+    # (indices spread over it; integer elements take raw bytes).
+    anywhere = b''.join(u8(ANY_ELEMENT) + struct.pack('<H', i) + v for i, v in (
+        (3, f32('nan')), (77, b'\xff\xff\xff\x7f\xff\xff\xff\x7f'), (500, f32('inf')),
+        (1500, f32(-1e20)), (2600, b'\x00\x80\x00\x80'), (3900, f32(0.0)), (5100, b'\xff')))
+    yield 'any_element_writes', b'\x01' + orbit(samples=80) + anywhere + orbit() + ALL_GETTERS
     still = [full_step((0.0, 0.0, 9.81), (0.0, 0.0, 0.0), (10.0, 20.0, -40.0))
              for _ in range(150)]
     yield 'still_no_gyro', b'\x00' + b''.join(still) + ALL_GETTERS
