@@ -178,18 +178,26 @@ class TunableInfo:
 
 
 def _scalar_text(name: str, info: TunableInfo, value) -> str:
-    v = np.asarray(value)
-    if v.shape != ():
-        raise ValueError(f"tunable '{name}': expected one value, got shape {v.shape}")
-    if v.dtype.kind not in "biuf":
-        raise TypeError(f"tunable '{name}' ({info.dtype}) takes numbers, not {v.dtype}")
+    """The value as the tools' --set parser reads it; that parser checks the
+    integer ranges, so messages match the tools'."""
+    if isinstance(value, (bool, np.bool_)):
+        value = int(value)
+    if isinstance(value, (int, np.integer)):  # Python ints of any size
+        kind = "i"
+    else:
+        v = np.asarray(value)
+        if v.shape != ():
+            raise ValueError(f"tunable '{name}': expected one value, got shape {v.shape}")
+        kind = v.dtype.kind
+        if kind not in "biuf":
+            raise TypeError(f"tunable '{name}' ({info.dtype}) takes numbers, not {v.dtype}")
     if info.dtype.kind in "iu":
-        if v.dtype.kind == "f":
+        if kind == "f":
             raise TypeError(f"tunable '{name}' is {info.dtype}: got the floating-point "
                             f"value {value!r}")
-        return str(int(v))
-    f = float(v)
-    if np.isfinite(f) and not np.isfinite(np.float32(f)):
+        return str(int(value))
+    f = float(value)
+    if np.isfinite(f) and abs(f) > float(np.finfo(np.float32).max):
         raise ValueError(f"tunable '{name}' is float32: {value!r} does not fit")
     return repr(f)
 
