@@ -330,7 +330,10 @@ class PyLibrary {
   explicit PyLibrary(const std::string &path) {
     std::string error;
     std::lock_guard<std::mutex> lock(g_library_mutex);
-    if (!session_.Load(path, &error)) throw py::value_error(error);
+    if (!session_.Load(path, &error)) {
+      PyErr_SetString(PyExc_OSError, error.c_str());
+      throw py::error_already_set();
+    }
   }
 
   const std::string &path() const { return session_.lib().path(); }

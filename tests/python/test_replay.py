@@ -1,6 +1,7 @@
 """Replays from Python against qvn_replay run as a fresh process: the same
 bits, the same printed summary and scores, whatever ran before in the process."""
 
+import os
 import warnings
 
 import numpy as np
@@ -133,3 +134,14 @@ def test_host_layer_is_refused_clearly():
 def test_bad_replay_arguments_raise(kwargs, error):
     with pytest.raises(error):
         qvnlib.replay(WALK, to_s=1, **kwargs)
+
+
+@pytest.mark.parametrize("path,message", [
+    ("/nonexistent/libqvnlib.so", "cannot load the library"),
+    # The host stand-in loads, but is not the library.
+    (os.path.join(os.path.dirname(qvnlib.default_library_path()), "libqvnhost.so"),
+     "does not export MAG_LIB_API_INTERFACE"),
+])
+def test_libraries_that_cannot_be_used_raise(path, message):
+    with pytest.raises(OSError, match=message):
+        qvnlib.Library(path)
