@@ -20,6 +20,7 @@ from __future__ import annotations
 import os
 import shutil
 import subprocess
+import sys
 import tempfile
 import threading
 import warnings
@@ -331,6 +332,14 @@ class Run:
         self._run.write_csv(os.fspath(path))
 
 
+def _caller_level() -> int:
+    """The stack level of the first caller outside this module, for warnings."""
+    level, frame = 1, sys._getframe(1)
+    while frame is not None and frame.f_code.co_filename == __file__:
+        level, frame = level + 1, frame.f_back
+    return level
+
+
 def _or(v, default=-1.0):
     return default if v is None else float(v)
 
@@ -355,7 +364,7 @@ class Library:
         self._lib.reset()
 
     def replay(self, events, hw_gyro: int = 0, sets=None, hwname: str | None = None,
-               host_layer: bool = False, truth=None, *, calibration_truth=None,
+               host_layer: bool = False, truth=None, *, set_file=None, calibration_truth=None,
                skip_early_gyro: bool = False, reinit_on_nan: bool = False,
                charging_current: int = 0, from_s: float = 0, to_s: float | None = None,
                gt_shift_ms: float = 0, warmup_s: float = 10, score_from_s: float | None = None,
@@ -365,7 +374,8 @@ class Library:
 
         events: a path, or a frame (or structured array) with t_ns, sensor, x, y, z.
         hw_gyro: 0 or 1 (which call runs fusion). sets: {name: value} or
-        ["NAME=VALUE", ...], written before and after initialisation.
+        ["NAME=VALUE", ...], written before and after initialisation, after
+        those of set_file (a qvn_tune set file, as --set-file).
         hwname: ro.boot.hwname. truth: path or frame (t_ns, qw..qz) to score
         against; calibration_truth: a simulation's truth.txt for the summary.
         log: False (dropped), "capture" (kept in Run.log) or "stderr"."""
@@ -378,6 +388,8 @@ class Library:
         if log not in _LOG_MODES:
             raise ValueError(f"log must be False, 'capture' or 'stderr', not {log!r}")
         texts = self.tunables.sets_texts(sets)
+        if set_file is not None:
+            texts = _core.read_set_file(_existing(set_file)) + texts
         event_list = _event_list(events)
         gt = _truth(truth) if truth is not None else None
         cal = (_core.CalibrationTruth.load(_existing(calibration_truth))
@@ -388,7 +400,7 @@ class Library:
             float(warmup_s), _or(score_from_s), _or(score_to_s), bool(lag), cal,
             _LOG_MODES[log], _core.log_priority(log_level))
         for line in run.warnings:
-            warnings.warn(line, InputWarning, stacklevel=2)
+            warnings.warn(line, InputWarning, stacklevel=_caller_level())
         result = Run(steps=pd.DataFrame(run.columns()), qfusion=run.qfusion(),
                      summary=run.summary, warnings=list(run.warnings), log=run.log,
                      counts=run.counts, _run=run)

@@ -15,6 +15,7 @@
 
 #include "core/event_csv.h"
 #include "core/ground_truth.h"
+#include "core/set_file.h"
 #include "core/tunables.h"
 #include "replay/accuracy.h"
 #include "replay/replay_loop.h"
@@ -542,6 +543,15 @@ PYBIND11_MODULE(_core, m) {
            py::arg("gt_shift_ms"), py::arg("warmup_s"), py::arg("score_from_s"),
            py::arg("score_to_s"), py::arg("lag"), py::arg("calibration"), py::arg("log_mode"),
            py::arg("log_priority"));
+
+  m.def("read_set_file", [](const std::string &path) {
+    std::vector<Assignment> sets;
+    std::string error;
+    if (!ReadSetFile(path, &sets, &error)) throw py::value_error(error);
+    std::vector<std::string> texts;
+    for (const Assignment &a : sets) texts.push_back(FormatAssignment(a));
+    return texts;
+  });
 
   m.def("log_priority", [](const std::string &name) {
     int p = 0;

@@ -68,6 +68,21 @@ def test_replay_gives_the_tools_bits_and_summary(name, args, kwargs, run_tool, t
     assert run.summary == done.stdout
 
 
+def test_set_files_apply_as_the_tool_applies_them(run_tool, tmp_path):
+    (tmp_path / "set.txt").write_text("# tuned\ng_lpf_acc_ratio=0.25\nmag_axis[1]=1\n")
+    done = run_tool("--set-file", tmp_path / "set.txt", "--set", "g_lpf_acc_ratio=0.5",
+                    "--out", tmp_path / "tool.csv", WALK)
+    assert done.returncode == 0, done.stderr
+    run = qvnlib.replay(WALK, set_file=tmp_path / "set.txt", sets={"g_lpf_acc_ratio": 0.5})
+    run.write_csv(tmp_path / "py.csv")
+    assert (tmp_path / "py.csv").read_bytes() == (tmp_path / "tool.csv").read_bytes()
+    default = qvnlib.replay(WALK)
+    assert not default.steps.equals(run.steps)
+    (tmp_path / "bad.txt").write_text("g_lpf_acc_ratio=0.25\nnot a line\n")
+    with pytest.raises(ValueError, match="bad.txt:2:"):
+        qvnlib.replay(WALK, set_file=tmp_path / "bad.txt")
+
+
 def test_frame_input_replays_like_the_file():
     frame = qvnlib.read_events(WALK)
     by_path = qvnlib.replay(WALK, hw_gyro=1, skip_early_gyro=True)
