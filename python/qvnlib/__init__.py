@@ -141,13 +141,11 @@ def _event_list(events) -> "_core.EventList":
     if sensor.dtype.kind in "iu":
         codes = sensor.astype(np.int64)
     else:
-        lookup = {name: k for k, name in enumerate(SENSORS)}
-        codes = np.empty(len(sensor), dtype=np.int64)
-        for i, s in enumerate(sensor):
-            if s not in lookup:
-                raise ValueError(f"events: row {i}: unknown sensor {s!r} "
-                                 f"(one of {', '.join(SENSORS)})")
-            codes[i] = lookup[s]
+        codes = pd.Categorical(sensor, categories=list(SENSORS)).codes.astype(np.int64)
+        unknown = np.flatnonzero(codes < 0)
+        if unknown.size:
+            raise ValueError(f"events: row {unknown[0]}: unknown sensor {sensor[unknown[0]]!r} "
+                             f"(one of {', '.join(SENSORS)})")
     bad = np.flatnonzero((codes < 0) | (codes >= len(SENSORS)))
     if bad.size:
         raise ValueError(f"events: row {bad[0]}: unknown sensor code {codes[bad[0]]}")
