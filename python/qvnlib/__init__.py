@@ -25,7 +25,7 @@ import tempfile
 import threading
 import warnings
 from dataclasses import dataclass, field
-from typing import Any, Iterable, Mapping
+from typing import Any, Mapping
 
 import numpy as np
 import pandas as pd
@@ -268,7 +268,7 @@ class Tunables(Mapping):
         rows = [(n, str(i.dtype), i.shape, self[n]) for n, i in self._info.items()]
         return pd.DataFrame(rows, columns=["name", "type", "shape", "value"]).set_index("name")
 
-    def sets_texts(self, sets) -> list[str]:
+    def _sets_texts(self, sets) -> list[str]:
         """The ``NAME=VALUE`` texts of a sets argument (mapping or texts)."""
         if sets is None:
             return []
@@ -316,6 +316,15 @@ class Run:
     def t0_ns(self) -> int:
         """Time of the first replayed event."""
         return self._run.t0_ns
+
+    def __repr__(self) -> str:
+        end = ""
+        if len(self.steps):
+            x, y, z = self.steps[["offset_x", "offset_y", "offset_z"]].iloc[-1]
+            end = (f", final offset ({x:.2f}, {y:.2f}, {z:.2f}) uT, "
+                   f"accuracy {self.steps['accuracy'].iloc[-1]}")
+        return (f"<qvnlib.Run: {len(self.steps)} steps{end}"
+                f"{', scored' if self.accuracy is not None else ''}>")
 
     def score(self, truth, *, gt_shift_ms: float = 0, warmup_s: float = 10,
               score_from_s: float | None = None, score_to_s: float | None = None,
@@ -385,7 +394,7 @@ class Library:
             raise ValueError(f"hw_gyro must be 0 or 1, not {hw_gyro!r}")
         if log not in _LOG_MODES:
             raise ValueError(f"log must be False, 'capture' or 'stderr', not {log!r}")
-        texts = self.tunables.sets_texts(sets)
+        texts = self.tunables._sets_texts(sets)
         if set_file is not None:
             texts = _core.read_set_file(_existing(set_file)) + texts
         event_list = _event_list(events)
