@@ -82,8 +82,9 @@ EventList EventsFromArrays(py::array_t<int64_t, py::array::c_style | py::array::
     if (ss(k) < 0 || ss(k) > 3)
       throw py::value_error(label + ": row " + std::to_string(i) + ": unknown sensor code " +
                             std::to_string(ss(k)));
-    list.events[i] = {tt(k), static_cast<Sensor>(ss(k)), xx(k), yy(k), zz(k),
-                      static_cast<int>(std::min<size_t>(i + 1, INT32_MAX))};
+    list.events[i] = {tt(k), static_cast<Sensor>(ss(k)),
+                      xx(k), yy(k),
+                      zz(k), static_cast<int>(std::min<size_t>(i + 1, INT32_MAX))};
   }
   return list;
 }
@@ -182,22 +183,32 @@ CalTruth LoadCalTruth(const std::string &path) {
 
 const char *NumpyFormat(ScalarType t) {
   switch (t) {
-    case ScalarType::kF32: return "<f4";
-    case ScalarType::kI8: return "|i1";
-    case ScalarType::kU8: return "|u1";
-    case ScalarType::kI16: return "<i2";
-    case ScalarType::kU16: return "<u2";
-    case ScalarType::kI32: return "<i4";
-    case ScalarType::kU32: return "<u4";
-    case ScalarType::kI64: return "<i8";
-    case ScalarType::kU64: return "<u8";
+    case ScalarType::kF32:
+      return "<f4";
+    case ScalarType::kI8:
+      return "|i1";
+    case ScalarType::kU8:
+      return "|u1";
+    case ScalarType::kI16:
+      return "<i2";
+    case ScalarType::kU16:
+      return "<u2";
+    case ScalarType::kI32:
+      return "<i4";
+    case ScalarType::kU32:
+      return "<u4";
+    case ScalarType::kI64:
+      return "<i8";
+    case ScalarType::kU64:
+      return "<u8";
   }
   return "";
 }
 
 std::vector<py::ssize_t> ShapeOf(const TunableInfo &t) {
   if (t.count() == 1) return {};
-  if (t.rows > 1 && !t.is_vec3) return {static_cast<py::ssize_t>(t.rows), static_cast<py::ssize_t>(t.cols)};
+  if (t.rows > 1 && !t.is_vec3)
+    return {static_cast<py::ssize_t>(t.rows), static_cast<py::ssize_t>(t.cols)};
   return {static_cast<py::ssize_t>(t.count())};
 }
 
@@ -489,36 +500,40 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("t0_ns", [](const Run &r) { return r.outcome.t0_ns; })
       .def_property_readonly("file_t0_ns", [](const Run &r) { return r.outcome.file_t0_ns; })
       .def_property_readonly("hw_gyro", [](const Run &r) { return r.hw_gyro; })
-      .def_property_readonly("initial_offset", [](const Run &r) {
-        return std::vector<float>(r.outcome.initial_offset, r.outcome.initial_offset + 3);
-      })
+      .def_property_readonly("initial_offset",
+                             [](const Run &r) {
+                               return std::vector<float>(r.outcome.initial_offset,
+                                                         r.outcome.initial_offset + 3);
+                             })
       .def_property_readonly("scored", [](const Run &r) { return r.outcome.scored; })
       .def("accuracy", [](const Run &r) { return AccuracyRows(r.outcome.accuracy); })
-      .def("errors", [](const Run &r) {
-        return ErrorColumns(r.outcome.rows, r.outcome.accuracy, r.outcome.t0_ns);
-      })
-      .def("score",
-           [](const Run &r, const Truth &truth, double gt_shift_ms, double warmup_s,
-              double score_from_s, double score_to_s, bool lag) {
-             OrientationTruth gt = truth.samples;
-             if (gt_shift_ms != 0) gt.Shift(static_cast<int64_t>(gt_shift_ms * 1e6));
-             AccuracyOptions ao;
-             ao.hw_gyro = r.hw_gyro;
-             ScoringWindow(r.outcome.file_t0_ns, r.outcome.t0_ns, warmup_s, score_from_s,
-                           score_to_s, &ao.from_ns, &ao.to_ns);
-             ao.with_lag = lag;
-             ao.with_series = true;
-             std::string table;
-             AccuracyReport rep;
-             {
-               py::gil_scoped_release release;
-               rep = qvn_python::ScoreRows(r.outcome.rows, gt, ao, r.outcome.t0_ns, &table);
-             }
-             return py::make_tuple(AccuracyRows(rep),
-                                   ErrorColumns(r.outcome.rows, rep, r.outcome.t0_ns), table);
-           },
-           py::arg("truth"), py::arg("gt_shift_ms"), py::arg("warmup_s"), py::arg("score_from_s"),
-           py::arg("score_to_s"), py::arg("lag"))
+      .def("errors",
+           [](const Run &r) {
+             return ErrorColumns(r.outcome.rows, r.outcome.accuracy, r.outcome.t0_ns);
+           })
+      .def(
+          "score",
+          [](const Run &r, const Truth &truth, double gt_shift_ms, double warmup_s,
+             double score_from_s, double score_to_s, bool lag) {
+            OrientationTruth gt = truth.samples;
+            if (gt_shift_ms != 0) gt.Shift(static_cast<int64_t>(gt_shift_ms * 1e6));
+            AccuracyOptions ao;
+            ao.hw_gyro = r.hw_gyro;
+            ScoringWindow(r.outcome.file_t0_ns, r.outcome.t0_ns, warmup_s, score_from_s, score_to_s,
+                          &ao.from_ns, &ao.to_ns);
+            ao.with_lag = lag;
+            ao.with_series = true;
+            std::string table;
+            AccuracyReport rep;
+            {
+              py::gil_scoped_release release;
+              rep = qvn_python::ScoreRows(r.outcome.rows, gt, ao, r.outcome.t0_ns, &table);
+            }
+            return py::make_tuple(AccuracyRows(rep),
+                                  ErrorColumns(r.outcome.rows, rep, r.outcome.t0_ns), table);
+          },
+          py::arg("truth"), py::arg("gt_shift_ms"), py::arg("warmup_s"), py::arg("score_from_s"),
+          py::arg("score_to_s"), py::arg("lag"))
       .def("write_csv", [](const Run &r, const std::string &path) {
         std::string error;
         if (!WriteStepCsv(path, r.outcome.rows, &error)) throw py::value_error(error);
@@ -529,13 +544,13 @@ PYBIND11_MODULE(_core, m) {
       .def_property_readonly("path", &PyLibrary::path)
       .def_property_readonly("state_bytes", &PyLibrary::state_bytes)
       .def("info", &PyLibrary::Info)
-      .def("view", [](py::object self, const std::string &name) {
-        return self.cast<const PyLibrary &>().View(self, name);
-      })
+      .def("view",
+           [](py::object self, const std::string &name) {
+             return self.cast<const PyLibrary &>().View(self, name);
+           })
       .def("assign", &PyLibrary::Assign, py::arg("texts"))
-      .def_static("check_sets", [](const std::vector<std::string> &texts) {
-        PyLibrary::ParseSets(texts);
-      })
+      .def_static("check_sets",
+                  [](const std::vector<std::string> &texts) { PyLibrary::ParseSets(texts); })
       .def("reset", &PyLibrary::Reset)
       .def("replay", &PyLibrary::Replay, py::arg("events"), py::arg("hw_gyro"), py::arg("sets"),
            py::arg("hwname"), py::arg("skip_early_gyro"), py::arg("reinit_on_nan"),

@@ -28,7 +28,7 @@ struct ReplayRequest {
   bool hwname_set = false;
   std::string hwname;
   bool skip_early_gyro = false, reinit_on_nan = false;
-  int64_t current = 0;         // battery current in the private power-supply folder
+  int64_t current = 0;           // battery current in the private power-supply folder
   double from_s = 0, to_s = -1;  // replayed span from the first event (to < 0: the end)
   // Scoring, when truth is given.
   const qvn_tools::OrientationTruth *truth = nullptr;
@@ -48,9 +48,9 @@ struct ReplayOutcome {
   float initial_offset[3] = {0, 0, 0};
   bool scored = false;
   qvn_tools::AccuracyReport accuracy;
-  std::string summary;                  // what qvn_replay prints on stdout
-  std::vector<std::string> warnings;    // what it warns about the input on stderr
-  std::vector<std::string> log;         // the library's log lines, when captured
+  std::string summary;                // what qvn_replay prints on stdout
+  std::vector<std::string> warnings;  // what it warns about the input on stderr
+  std::vector<std::string> log;       // the library's log lines, when captured
 };
 
 class Session {
