@@ -416,6 +416,7 @@ class PyLibrary {
              double warmup_s, double score_from_s, double score_to_s, bool lag,
              const CalTruth *calibration, int log_mode, int log_priority) const {
     ReplayRequest rq;
+    rq.events = &events.events;
     rq.events_label = events.label;
     rq.hw_gyro = hw_gyro;
     rq.sets = ParseSets(sets);
@@ -442,8 +443,6 @@ class PyLibrary {
     bool ok;
     {
       py::gil_scoped_release release;
-      // The events are copied inside (the span is cut from a copy).
-      rq.events = events.events;
       std::lock_guard<std::mutex> lock(g_library_mutex);
       ok = session_.Replay(rq, &run.outcome, &error);
     }

@@ -118,7 +118,7 @@ void Session::StartFromLoadTime(const char *sysfs_root) const {
 }
 
 bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *error) const {
-  std::vector<Event> events = rq.events;
+  std::vector<Event> events = *rq.events;  // cut to the span below
   out->file_t0_ns = events.empty() ? 0 : events.front().t_ns;
   CutEvents(&events, rq.from_s, rq.to_s);
   out->t0_ns = events.empty() ? 0 : events.front().t_ns;

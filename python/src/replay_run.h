@@ -21,8 +21,8 @@ namespace qvn_python {
 enum class LogMode { kSilent, kCapture, kStderr };
 
 struct ReplayRequest {
-  std::vector<qvn_tools::Event> events;  // the whole recording, in file order
-  std::string events_label;              // file name (or a description) for messages
+  const std::vector<qvn_tools::Event> *events = nullptr;  // the whole recording, in file order
+  std::string events_label;  // file name (or a description) for messages
   int hw_gyro = 0;
   std::vector<qvn_tools::Assignment> sets;  // written before and after initialisation
   bool hwname_set = false;
