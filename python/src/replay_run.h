@@ -4,6 +4,8 @@
 #ifndef QVNLIB_PYTHON_REPLAY_RUN_H
 #define QVNLIB_PYTHON_REPLAY_RUN_H
 
+#include <android/log.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -38,7 +40,7 @@ struct ReplayRequest {
   const qvn_tools::CalibrationTruth *calibration = nullptr;  // truth.txt of a simulation
   std::string calibration_label;
   LogMode log_mode = LogMode::kSilent;
-  int log_priority = 3;  // ANDROID_LOG_DEBUG
+  int log_priority = ANDROID_LOG_DEBUG;
 };
 
 struct ReplayOutcome {
