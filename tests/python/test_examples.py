@@ -4,13 +4,16 @@ import os
 import subprocess
 import sys
 
+import qvnlib
 from conftest import SOURCE_DIR
 
 
 def run_example(name, *args, cwd):
+    # The package these tests import, wherever the examples run from.
+    env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(qvnlib.__file__)))
     done = subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "examples", name),
                            *map(str, args)], capture_output=True, text=True, cwd=cwd,
-                          timeout=120)
+                          timeout=120, env=env)
     assert done.returncode == 0, done.stderr
     return done.stdout
 
