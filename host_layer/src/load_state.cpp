@@ -13,6 +13,7 @@ namespace {
 struct Found {
   uintptr_t anchor;
   bool hit = false;
+  bool tls = false;
   uintptr_t begin[8];
   size_t size[8];
   size_t count = 0;
@@ -33,6 +34,7 @@ int Visit(struct dl_phdr_info *info, size_t, void *data) {
   uintptr_t relro_b = 0, relro_e = 0;
   for (int i = 0; i < info->dlpi_phnum; ++i) {
     const ElfW(Phdr) &p = info->dlpi_phdr[i];
+    if (p.p_type == PT_TLS) f->tls = true;
     if (p.p_type == PT_GNU_RELRO) {
       relro_b = info->dlpi_addr + p.p_vaddr;
       relro_e = relro_b + p.p_memsz;
@@ -85,6 +87,11 @@ bool LoadState::Capture(const void *anchor, std::string *error) {
   dl_iterate_phdr(Visit, &f);
   if (!f.hit) {
     *error = "the loaded core was not found among the process's objects";
+    return false;
+  }
+  if (f.tls) {
+    // Per-thread copies live outside the segments: a copy would miss them.
+    *error = "the core has thread-local data, which a copy of its segments does not cover";
     return false;
   }
   if (f.count == 0) {
