@@ -18,8 +18,10 @@
  *    filter states; when one is not finite it returns the core to its
  *    load-time state (every writable byte, restored from the copy), runs
  *    QVN_CaliInitLib, re-applies the host's tunable set and the last good
- *    calibration, and repeats the step. Recoveries are counted and logged at
- *    most once per log interval of sample time;
+ *    calibration, and repeats the step. A core that breaks again within ten
+ *    steps of a recovery is recovered without the host's tunable set, which
+ *    stays out until the host changes it. Recoveries are counted and logged
+ *    at most once per log interval of sample time;
  *  - calibration kept across reboots: the last good offset, its accuracy and
  *    the host's tunable set are written to a file (temporary file, fsync,
  *    rename) and read back at start; a truncated, corrupt or foreign file is
@@ -181,6 +183,10 @@ typedef struct QvnLayerCounters {
   uint64_t held_gyro;
   uint64_t offsets_refused;
   uint64_t recoveries;
+  /* Times the host's tunable set was left out: the core broke again within
+   * ten steps of a recovery that had re-applied it. It stays out until
+   * qvn_layer_set_tunable, qvn_layer_clear_tunables or qvn_layer_recover. */
+  uint64_t tunables_suspended;
   int64_t first_recovery_ns; /* sample time of the first recovery, 0 if none */
   int64_t last_recovery_ns;
   uint64_t saves;

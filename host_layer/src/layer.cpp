@@ -60,7 +60,9 @@ struct Layer {
   bool have_time[QVN_LAYER_SENSORS];
   int64_t last_time[QVN_LAYER_SENSORS];
   bool gyro_released = false;
-  bool recovering = false;
+  bool tunables_suspended = false;  // the host's set is left out (see Recover)
+  bool unproven = false;            // recovered, and not yet run kStepsToTrust good steps
+  int good_steps = 0;
 
   // The host's tunable set and the last good calibration.
   Calibration kept;
@@ -118,7 +120,7 @@ void ForgetRun(Layer &l) {
 // accuracy through the values that initialisation restores, then the exact
 // offset.
 void Initialise(Layer &l) {
-  ApplyTunables(l);
+  if (!l.tunables_suspended) ApplyTunables(l);
   if (l.kept.has_offset && l.cali_parameter != nullptr && l.accuracy != nullptr) {
     // Hundredths of a microtesla, truncated, as the core keeps them; a host
     // limit so wide that the product leaves int32 saturates.
@@ -131,7 +133,7 @@ void Initialise(Layer &l) {
     *l.accuracy = l.kept.accuracy;
   }
   l.api->QVN_CaliInitLib(&l.config.chip);
-  ApplyTunables(l);
+  if (!l.tunables_suspended) ApplyTunables(l);
   if (l.kept.has_offset) l.api->QVN_CaliApiSetOffset(l.kept.offset);
 }
 
@@ -149,7 +151,24 @@ void LogRecovery(Layer &l, const char *why) {
   l.recoveries_at_log = l.counters.recoveries;
 }
 
+// A recovered core that breaks again before it has run a few good steps was
+// most likely broken by the host's own tunable set, which every recovery
+// re-applies: the next recovery leaves the set out, until the host changes
+// it, instead of recovering into the same NaN at every step.
+constexpr int kStepsToTrust = 10;
+
 void Recover(Layer &l, const char *why) {
+  if (why != nullptr && l.unproven && l.kept.tunable_count > 0 && !l.tunables_suspended) {
+    l.tunables_suspended = true;
+    l.counters.tunables_suspended++;
+    __android_log_print(ANDROID_LOG_WARN, kLogTag,
+                        "the core broke again right after a recovery: the host's tunable set is "
+                        "left out until the host changes it");
+  }
+  if (why != nullptr) {
+    l.unproven = true;
+    l.good_steps = 0;
+  }
   l.load_state.Restore();
   ForgetRun(l);
   Initialise(l);
@@ -158,6 +177,10 @@ void Recover(Layer &l, const char *why) {
   if (l.counters.first_recovery_ns == 0) l.counters.first_recovery_ns = l.now_ns;
   l.counters.last_recovery_ns = l.now_ns;
   LogRecovery(l, why);
+}
+
+void Proven(Layer &l) {
+  if (l.unproven && ++l.good_steps >= kStepsToTrust) l.unproven = false;
 }
 
 bool Finite3(float x, float y, float z) {
@@ -302,6 +325,9 @@ int qvn_layer_open(const QvnLayerConfig *config, char *error, size_t error_size)
   Resolve(l);
   l.kept = Calibration();
   l.kept_dirty = false;
+  l.tunables_suspended = false;
+  l.unproven = false;
+  l.good_steps = 0;
   l.saved_once = false;
   l.logged_once = false;
   l.recoveries_at_log = 0;
@@ -365,7 +391,10 @@ int qvn_layer_set_gyro(const SensorEvent *event) {
   l.api->QVN_CaliApiSetGyroData(event);
   if (l.config.chip.hwGyro != 1) return QVN_LAYER_PASSED;
   const char *broken = BrokenState(l);
-  if (broken == nullptr) return QVN_LAYER_PASSED;
+  if (broken == nullptr) {
+    Proven(l);
+    return QVN_LAYER_PASSED;
+  }
   Recover(l, broken);
   return QVN_LAYER_RECOVERED;
 }
@@ -382,15 +411,23 @@ int qvn_layer_set_mag(const SensorEvent *event, CaliResult *out) {
   const char *broken = BrokenResult(*out);
   if (broken == nullptr) broken = BrokenState(l);
   if (broken == nullptr) {
+    Proven(l);
     KeepGood(l, *out);
     return QVN_LAYER_PASSED;
   }
-  Recover(l, broken);
   // The sample itself was good: it is the first one of the recovered core.
-  l.have_time[QVN_LAYER_MAG] = true;
-  l.last_time[QVN_LAYER_MAG] = event->timestamp;
-  l.api->QVN_CaliApiSetMagData(event);
-  l.api->QVN_DoCaliAPI(event, out);
+  // Should it break that core again, the second recovery leaves the host's
+  // tunable set out (see Recover).
+  for (int attempt = 0; attempt < 2 && broken != nullptr; ++attempt) {
+    Recover(l, broken);
+    l.have_time[QVN_LAYER_MAG] = true;
+    l.last_time[QVN_LAYER_MAG] = event->timestamp;
+    l.api->QVN_CaliApiSetMagData(event);
+    l.api->QVN_DoCaliAPI(event, out);
+    broken = BrokenResult(*out);
+    if (broken == nullptr) broken = BrokenState(l);
+  }
+  if (broken == nullptr) Proven(l);
   return QVN_LAYER_RECOVERED;
 }
 
@@ -452,6 +489,7 @@ int qvn_layer_set_tunable(const char *name, size_t byte_offset, const void *valu
     slot->size = static_cast<uint32_t>(size);
   }
   memcpy(slot->bytes, value, size);
+  l.tunables_suspended = false;
   unsigned char *p = static_cast<unsigned char *>(dlsym(l.handle, name));
   memcpy(p + byte_offset, value, size);
   l.kept_dirty = true;
@@ -459,12 +497,14 @@ int qvn_layer_set_tunable(const char *name, size_t byte_offset, const void *valu
 }
 
 void qvn_layer_clear_tunables(void) {
+  g_layer.tunables_suspended = false;
   if (g_layer.kept.tunable_count > 0) g_layer.kept_dirty = true;
   g_layer.kept.tunable_count = 0;
 }
 
 int qvn_layer_recover(void) {
   if (!g_layer.open) return -1;
+  g_layer.tunables_suspended = false;
   qvn_layer::Recover(g_layer, nullptr);
   return 0;
 }

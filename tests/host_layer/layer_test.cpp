@@ -92,6 +92,29 @@ TEST(HostLayer, HygieneCountsByReason) {
   EXPECT_EQ(n.passed[QVN_LAYER_MAG] + n.passed[QVN_LAYER_GYRO], 2u);
 }
 
+// A host whose own tunable set breaks the outputs: the layer leaves the set
+// out rather than recovering into the same NaN at every step.
+TEST(HostLayer, BreakingTunableSetIsLeftOut) {
+  HostDriver d(Path::kLayer, 1, "");
+  ASSERT_TRUE(d.ok());
+  const float nan = NAN;
+  std::vector<Outputs> out = d.Run(
+      Scene(20.0, 5.0 * kS), {{10 * kS, [&](HostDriver &) {
+                                 ASSERT_EQ(qvn_layer_set_tunable("g_quat_weight_mag_normal", 0,
+                                                                 &nan, sizeof nan),
+                                           0);
+                               }}});
+  QvnLayerCounters n;
+  ASSERT_EQ(qvn_layer_counters(&n), 0);
+  EXPECT_EQ(n.tunables_suspended, 1u);
+  EXPECT_LE(n.recoveries, 3u);
+  for (const Outputs &o : out) {
+    if (o.t_ns > 11 * kS) {
+      ASSERT_TRUE(o.AllFinite()) << o.t_ns;
+    }
+  }
+}
+
 std::string TempPath(const char *tag) {
   return std::string("/tmp/qvn_layer_test_") + tag + "_" + std::to_string(getpid());
 }
