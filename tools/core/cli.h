@@ -61,7 +61,7 @@ inline std::string Help(const std::string &text) {
     if (end == std::string::npos) end = text.size();
     std::string word = text.substr(start, end - start);
     if (!line.empty() && kHelpColumn + line.size() + 1 + word.size() > kHelpWidth) {
-      out += line + "\n" + std::string(kHelpColumn, ' ');
+      out += line + "\n";  // CLI11 indents the continuation
       line.clear();
     }
     line += (line.empty() ? "" : " ") + word;

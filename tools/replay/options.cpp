@@ -37,14 +37,17 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
   app.add_option("EVENTS.csv", o->events, "the recorded events")->type_name("");
   app.add_option("--lib", o->lib,
                  "library to load (default: $QVN_LIBRARY, the installed copy beside this tool, "
-                 "then the build tree's libqvnlib.so)");
+                 "then the build tree's libqvnlib.so)")
+      ->type_name("PATH");
   app.add_option("--hw-gyro", o->hw_gyro,
                  "ChipInfo.hwGyro: 1 runs fusion per gyroscope sample, 0 per magnetometer "
                  "sample with the soft gyroscope (default 0)")
+      ->type_name("0|1")
       ->check(IntegerIn(0, 1));
   app.add_option("--hwname", o->hwname,
                  "ro.boot.hwname before init; it selects the device variant (\"vask...\" = NFC "
-                 "variant; default: unset)");
+                 "variant; default: unset)")
+      ->type_name("NAME");
   CLI::Option *set = app.add_option(
       "--set", "write an exported variable, with its own type, by name: NAME=VALUE, "
                "NAME[i]=VALUE for one element (NAME[i][j], NAME.x too); repeatable. Written "
