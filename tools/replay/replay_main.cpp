@@ -247,7 +247,7 @@ int main(int argc, char **argv) {
     if (read++ == 0) file_t0 = e.t_ns;
     if ((read & 0xfff) == 0) progress.Update(source.Fraction());
     const double at_s = SecondsBetween(file_t0, e.t_ns);
-    if (at_s < o.from_s || (o.to_s >= 0 && at_s >= o.to_s)) continue;
+    if ((o.from_s > 0 && at_s < o.from_s) || (o.to_s >= 0 && at_s >= o.to_s)) continue;
     if (e.sensor == Sensor::kCur && !o.sysfs_root.empty()) {
       return ReplayFail(kExitUsage, o.events + ":" + std::to_string(e.line) +
                                         ": cur events write the private power-supply folder; "
