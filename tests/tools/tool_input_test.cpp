@@ -173,6 +173,8 @@ const Case kCases[] = {
      "do not overlap"},
     {"ScoredSpanMustMeetTheReplay", "replay", "--score-from 100 $D/events.csv", WithTruth(kTruth), 2,
      "lies outside the replayed events"},
+    {"RecordingShorterThanTheDefaultWarmupIsNotScored", "replay", "$D/events.csv",
+     WithTruth(kTruth), 0, "shorter than the 10 s warm-up: not scored"},
     {"ShortTruthRowIsRefused", "replay", "$D/events.csv", WithTruth("t_ns,qw,qx,qy,qz\n1,1,0,0\n"),
      2, "gt.csv:2: expected 5 fields t_ns,qw,qx,qy,qz but found 4"},
     {"ZeroTruthQuaternionIsRefused", "replay", "$D/events.csv",

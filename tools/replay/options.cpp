@@ -139,6 +139,7 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
   int code = ParseCommandLine(&app, argc, argv);
   if (code >= 0) return code;
   o->hwname_set = app.count("--hwname") > 0;
+  o->window_set = app.count("--warmup") + app.count("--score-from") + app.count("--score-to") > 0;
   o->current_set = current->count() > 0;
   if (!ParseLogLevel(level, &o->log_priority))
     return ReplayFail(kExitUsage, "unknown --log-level " + Quoted(level) + " (see --help)");

@@ -29,6 +29,7 @@ struct ReplayOptions {
   bool allow_nonfinite = false;               // non-finite inputs and sets reach the library
   bool sort = false;                          // events sorted by time before the replay
   bool keep_order = false;                    // events out of time order replayed as they stand
+  bool window_set = false;                    // --warmup, --score-from or --score-to given
 };
 
 // Parses argv. Returns -1 when the options are good, else the exit code

@@ -309,7 +309,16 @@ int main(int argc, char **argv) {
     }
     ao.hw_gyro = o.hw_gyro;
     ScoringWindow(file_t0, t0, o.warmup_s, o.score_from_s, o.score_to_s, &ao.from_ns, &ao.to_ns);
-    if (ao.from_ns > sum.last_ns || ao.to_ns <= sum.first_ns) {
+    if ((ao.from_ns > sum.last_ns || ao.to_ns <= sum.first_ns) && !o.window_set) {
+      // Only the default warm-up misses a short recording: not scored, said so.
+      std::fprintf(stderr,
+                   "qvn_replay: note: the recording is shorter than the %g s warm-up: not "
+                   "scored (--warmup or --score-from set the scored span)\n",
+                   o.warmup_s);
+      scored = false;
+      if (!o.errors_out.empty())
+        return ReplayFail(kExitUsage, "--errors-out: nothing to score (see the note above)");
+    } else if (ao.from_ns > sum.last_ns || ao.to_ns <= sum.first_ns) {
       return ReplayFail(kExitUsage, "the scored span " + Span(ao.from_ns, ao.to_ns) +
                                         " lies outside the replayed events " +
                                         Span(sum.first_ns, sum.last_ns) +
