@@ -16,7 +16,7 @@ trap 'rm -rf "$work"' EXIT
 "$tools/qvn_simulate" --out-dir "$work/sim" --motion still:2,figure8:24,walk:574 --seed 1 >/dev/null
 # Copies follow each other one magnetometer interval apart, so times only go forward.
 mawk -v target=$((size_mb * 1024 * 1024)) '
-  BEGIN { FS = "," }
+  BEGIN { FS = ","; n = 0 }
   NR == 1 { next }
   { t[n] = $1; rest[n] = substr($0, length($1) + 1); n++ }
   END {

@@ -27,6 +27,7 @@ constexpr char kDefaultMotion[] = "still:2,figure8:24,level:1,table:12,still:3";
 constexpr double kMaxEvents = 5e7;
 constexpr double kMaxRateHz = 10000;
 constexpr double kMaxStartNs = 4e18;  // leaves room for any simulated span
+constexpr double kMaxSeconds = 1e7;   // about 115 days: motion, starts and durations
 
 const char kDescription[] =
     "Simulates a phone's accelerometer, gyroscope and uncalibrated magnetometer along a\n"
@@ -177,7 +178,8 @@ int main(int argc, char **argv) {
     for (size_t k = 0; k < 9; ++k) c.soft_iron[k] = l[k];
   }
   if (!disturbance.empty() && ParseList(disturbance, 5, 5, &l)) {
-    if (l[1] <= 0) return Fail(kExitUsage, "--disturbance: DURATION must be above 0");
+    if (!(l[1] > 0 && l[1] <= kMaxSeconds && l[0] >= 0 && l[0] <= kMaxSeconds))
+      return Fail(kExitUsage, "--disturbance: START from 0 and DURATION above 0, both up to 1e7 s");
     c.disturbance = true;
     c.disturbance_start_s = l[0];
     c.disturbance_duration_s = l[1];
@@ -186,7 +188,8 @@ int main(int argc, char **argv) {
   if (!charging.empty() && ParseList(charging, 3, 6, &l)) {
     if (l.size() != 3 && l.size() != 6)
       return Fail(kExitUsage, "--charging takes 3 or 6 numbers, not " + Quoted(charging));
-    if (l[1] <= 0) return Fail(kExitUsage, "--charging: DURATION must be above 0");
+    if (!(l[1] > 0 && l[1] <= kMaxSeconds && l[0] >= 0 && l[0] <= kMaxSeconds))
+      return Fail(kExitUsage, "--charging: START from 0 and DURATION above 0, both up to 1e7 s");
     if (!FitsInt64(l[2]))
       return Fail(kExitUsage, "--charging: CURRENT " + Quoted(charging) + " does not fit 64 bits");
     c.charging = true;
@@ -201,6 +204,11 @@ int main(int argc, char **argv) {
   double seconds = 0;
   for (const Segment &sg : segments) seconds += sg.duration_s;
   const double events_expected = seconds * (c.rate_acc_hz + c.rate_gyr_hz + c.rate_mag_hz);
+  if (!(seconds <= kMaxSeconds)) {
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "--motion lasts %g s; at most %g s", seconds, kMaxSeconds);
+    return Fail(kExitUsage, buf);
+  }
   if (!(events_expected <= kMaxEvents)) {
     char buf[160];
     std::snprintf(buf, sizeof buf,
