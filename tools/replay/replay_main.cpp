@@ -238,13 +238,14 @@ int main(int argc, char **argv) {
   std::vector<StepRow> rows;
   const bool keep_rows = !gt.empty();
   size_t read = 0, backwards = 0;
-  int64_t file_t0 = 0, prev_t = 0;
+  int64_t file_t0 = 0, prev_t = 0, last_read_t = 0;
   int prev_line = 0;
   bool seen_mag = false;
   Event e;
   StepRow row;
   while (source.Next(&e)) {
     if (read++ == 0) file_t0 = e.t_ns;
+    last_read_t = e.t_ns;
     if ((read & 0xfff) == 0) progress.Update(source.Fraction());
     const double at_s = SecondsBetween(file_t0, e.t_ns);
     if ((o.from_s > 0 && at_s < o.from_s) || (o.to_s >= 0 && at_s >= o.to_s)) continue;
@@ -287,10 +288,11 @@ int main(int argc, char **argv) {
                                  "comments)");
   }
   if (sum.events == 0) {
+    char to[48] = "the end";
+    if (o.to_s >= 0) std::snprintf(to, sizeof to, "--to %g s", o.to_s);
     char buf[160];
-    std::snprintf(buf, sizeof buf,
-                  "no events between --from %g s and --to %g s: the recording spans %.3f s", o.from_s,
-                  o.to_s, SecondsBetween(file_t0, prev_t));
+    std::snprintf(buf, sizeof buf, "no events between --from %g s and %s: the recording spans %.3f s",
+                  o.from_s, to, SecondsBetween(file_t0, last_read_t));
     return ReplayFail(kExitUsage, buf);
   }
 
