@@ -19,7 +19,6 @@ namespace {
 
 // Host status handed with every sample; the library only logs it.
 constexpr int32_t kHostSampleStatus = 3;
-constexpr int kMaxOrderWarnings = 5;
 
 SensorEvent ToSensorEvent(const Event &e) {
   SensorEvent s;
@@ -46,30 +45,6 @@ bool AllFinite(const StepRow &r, bool with_qfusion) {
   return true;
 }
 
-class ProgressBar {
- public:
-  ProgressBar(bool enabled, size_t total) : enabled_(enabled), total_(total) {}
-  ~ProgressBar() {
-    if (enabled_ && shown_ >= 0) std::fprintf(stderr, "\r%*s\r", 60, "");
-  }
-  void Update(size_t done) {
-    if (!enabled_ || total_ == 0) return;
-    int percent = static_cast<int>(done * 100 / total_);
-    if (percent == shown_) return;
-    shown_ = percent;
-    constexpr int kWidth = 40;
-    int filled = percent * kWidth / 100;
-    std::fprintf(stderr, "\rreplaying [%.*s%*s] %3d%%", filled,
-                 "########################################", kWidth - filled, "", percent);
-    std::fflush(stderr);
-  }
-
- private:
-  bool enabled_;
-  size_t total_;
-  int shown_ = -1;
-};
-
 }  // namespace
 
 void WarnEarlyGyro(const std::string &path, int line, FILE *out) {
@@ -82,31 +57,6 @@ void WarnEarlyGyro(const std::string &path, int line, FILE *out) {
       "library before any gyroscope sample; --skip-early-gyro replays that order, "
       "--reinit-on-nan the other remedy (see docs/accuracy.md).\n",
       path.c_str(), line);
-}
-
-void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
-                    bool skip_early_gyro, FILE *out) {
-  size_t backwards = 0;
-  for (size_t i = 1; i < events.size(); ++i) {
-    if (events[i].t_ns >= events[i - 1].t_ns) continue;
-    if (++backwards <= kMaxOrderWarnings) {
-      std::fprintf(out,
-                   "%s:%d: warning: time %" PRId64 " ns is earlier than line %d (%" PRId64
-                   " ns); events are replayed in file order, not re-sorted\n",
-                   path.c_str(), events[i].line, events[i].t_ns, events[i - 1].line,
-                   events[i - 1].t_ns);
-    }
-  }
-  if (backwards > kMaxOrderWarnings) {
-    std::fprintf(out, "%s: warning: %zu events in all go back in time\n", path.c_str(), backwards);
-  }
-  if (hw_gyro != 1 || skip_early_gyro) return;
-  for (const Event &e : events) {
-    if (e.sensor == Sensor::kMag) break;
-    if (e.sensor != Sensor::kGyr) continue;
-    WarnEarlyGyro(path, e.line, out);
-    break;
-  }
 }
 
 void CutEvents(std::vector<Event> *events, double from_s, double to_s) {
@@ -181,15 +131,12 @@ bool Replayer::Feed(const Event &e, StepRow *row, bool *stepped, std::string *er
 bool RunReplay(const Library &lib, const std::vector<Event> &events, const ReplayConfig &config,
                std::vector<StepRow> *rows, ReplayCounts *counts, std::string *error) {
   Replayer replayer(lib, config);
-  ProgressBar bar(config.progress, events.size());
   StepRow row;
   bool stepped = false;
-  for (size_t i = 0; i < events.size(); ++i) {
-    bar.Update(i);
-    if (!replayer.Feed(events[i], &row, &stepped, error)) return false;
+  for (const Event &e : events) {
+    if (!replayer.Feed(e, &row, &stepped, error)) return false;
     if (stepped) rows->push_back(row);
   }
-  bar.Update(events.size());
   *counts = replayer.counts();
   return true;
 }

@@ -43,8 +43,6 @@ struct ReplayConfig {
   // Called for each "cur" event before the following samples; returns false
   // with a message to stop the replay.
   std::function<bool(int64_t current, std::string *error)> on_current;
-  // Draw a progress bar on stderr.
-  bool progress = false;
   // After a step whose outputs are not finite, call reinitialise (the host's
   // other remedy for a NaN attitude: QVN_CaliInitLib again) and reset a NaN
   // azimuth memory of the moving average (orient_pre[0] = 0).
@@ -58,12 +56,6 @@ struct ReplayCounts {
   size_t reinits = 0;           // re-initialisations after outputs that were not finite
   int64_t first_reinit_ns = 0;  // time of the first of them
 };
-
-// Prints warnings about inputs that the library handles as designed but that
-// surprise integrators: events out of time order (replayed as they stand) and,
-// with a hardware gyroscope, gyroscope events before the first magnetometer one.
-void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
-                    bool skip_early_gyro, FILE *out);
 
 // Keeps the events from from_s to to_s seconds after the first one (to_s < 0:
 // to the end).
