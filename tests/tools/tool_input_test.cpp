@@ -276,6 +276,9 @@ const Case kCases[] = {
     {"PlotShortTruthRow", "plot", "--out-dir $D/png --gt $D/gt.csv $D/steps.csv",
      {{"steps.csv", "@steps"}, {"gt.csv", "t_ns,qw,qx,qy,qz\n1,1,0,0\n"}}, 2,
      "gt.csv:2: expected t_ns,qw,qx,qy,qz numbers"},
+    {"PlotOverAFifo", "plot", "--out-dir $D/png $D/steps.csv",
+     {{"steps.csv", "@steps"}, {"png/orientation.png", "@fifo"}}, 1,
+     "png/orientation.png is not a regular file"},
     {"PlotIntoAFile", "plot", "--out-dir $D/steps.csv/png $D/steps.csv", {{"steps.csv", "@steps"}},
      1, "cannot write the figures in $D/steps.csv/png"},
 };

@@ -237,12 +237,18 @@ def main(argv):
     try:
         return write_figures(plt, args, steps, errors, truth)
     except OSError as e:
-        print(f"qvn_plot: cannot write the figures in {args.out_dir}: {e.strerror or e}", file=sys.stderr)
+        print(f"qvn_plot: cannot write the figures in {args.out_dir}: {e.strerror or e}",
+              file=sys.stderr)
         return 1
 
 
 def write_figures(plt, args, steps, errors, truth):
     os.makedirs(args.out_dir, exist_ok=True)
+    # Figures replace regular files only: never a device, FIFO or folder.
+    for name in ("field_clouds.png", "field_accuracy.png", "orientation.png", "errors.png"):
+        path = os.path.join(args.out_dir, name)
+        if os.path.lexists(path) and not os.path.isfile(path):
+            raise OSError(f"{path} is not a regular file")
     outs = []
     if steps is not None:
         outs = [os.path.join(args.out_dir, n) for n in ("field_clouds.png", "field_accuracy.png", "orientation.png")]
