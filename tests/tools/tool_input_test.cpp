@@ -268,6 +268,8 @@ const Case kCases[] = {
      WithTruth(kTruth), 2, "bad value 'heading' for --objective"},
     {"TuneHugeTruthShift", "tune", "--preset fusion --train $D/events.csv,gt-shift-ms=1e30",
      WithTruth(kTruth), 2, "bad item 'gt-shift-ms=1e30'"},
+    {"TuneScoredSpanOutsideTheRecording", "tune", "--preset fusion --train $D/events.csv",
+     WithTruth(kTruth), 2, "the scored span lies outside the replayed events"},
     {"TuneMissingRecording", "tune", "--preset fusion --train $D/none.csv", {}, 1,
      "none.csv: cannot open the file"},
     {"TuneOutputToDevice", "tune", "--preset fusion --out-set /dev/full --train $D/events.csv",

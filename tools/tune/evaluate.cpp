@@ -126,6 +126,14 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
     return false;
   }
   p.t0_ns = p.events.front().t_ns;
+  int64_t from_ns = 0, to_ns = 0;
+  ScoringWindow(p.file_t0_ns, p.t0_ns, p.warmup_s, p.score_from_s, p.score_to_s, &from_ns, &to_ns);
+  if (from_ns > p.events.back().t_ns || to_ns <= p.t0_ns) {
+    *error = "recording '" + description +
+             "': the scored span lies outside the replayed events (see warmup, score-from, "
+             "score-to)";
+    return false;
+  }
   size_t cut = p.path.rfind('/');
   cut = cut == std::string::npos || cut == 0 ? std::string::npos : p.path.rfind('/', cut - 1);
   p.label = cut == std::string::npos ? p.path : p.path.substr(cut + 1);
