@@ -59,6 +59,32 @@ void WarnEarlyGyro(const std::string &path, int line, FILE *out) {
       path.c_str(), line);
 }
 
+void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
+                    bool skip_early_gyro, FILE *out) {
+  constexpr size_t kMaxOrderWarnings = 5;
+  size_t backwards = 0;
+  for (size_t i = 1; i < events.size(); ++i) {
+    if (events[i].t_ns >= events[i - 1].t_ns) continue;
+    if (++backwards <= kMaxOrderWarnings) {
+      std::fprintf(out,
+                   "%s:%d: warning: time %" PRId64 " ns is earlier than line %d (%" PRId64
+                   " ns); events are replayed in file order, not re-sorted\n",
+                   path.c_str(), events[i].line, events[i].t_ns, events[i - 1].line,
+                   events[i - 1].t_ns);
+    }
+  }
+  if (backwards > kMaxOrderWarnings) {
+    std::fprintf(out, "%s: warning: %zu events in all go back in time\n", path.c_str(), backwards);
+  }
+  if (hw_gyro != 1 || skip_early_gyro) return;
+  for (const Event &e : events) {
+    if (e.sensor == Sensor::kMag) break;
+    if (e.sensor != Sensor::kGyr) continue;
+    WarnEarlyGyro(path, e.line, out);
+    break;
+  }
+}
+
 void CutEvents(std::vector<Event> *events, double from_s, double to_s) {
   if (events->empty() || (from_s <= 0 && to_s < 0)) return;
   int64_t t0 = events->front().t_ns;

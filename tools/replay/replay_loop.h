@@ -57,6 +57,12 @@ struct ReplayCounts {
   int64_t first_reinit_ns = 0;  // time of the first of them
 };
 
+// Prints warnings about inputs that the library handles as designed but that
+// surprise integrators: events out of time order (replayed as they stand) and,
+// with a hardware gyroscope, gyroscope events before the first magnetometer one.
+void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
+                    bool skip_early_gyro, FILE *out);
+
 // Keeps the events from from_s to to_s seconds after the first one (to_s < 0:
 // to the end).
 void CutEvents(std::vector<Event> *events, double from_s, double to_s);

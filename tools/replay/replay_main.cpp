@@ -254,7 +254,7 @@ int main(int argc, char **argv) {
                                         ": cur events write the private power-supply folder; "
                                         "they cannot go with --sysfs-root");
     }
-    if (sum.events > 0 && e.t_ns < prev_t && ++backwards <= kMaxOrderWarnings) {
+    if (sum.events_replayed > 0 && e.t_ns < prev_t && ++backwards <= kMaxOrderWarnings) {
       std::fprintf(stderr,
                    "%s:%d: warning: time %" PRId64 " ns is earlier than line %d (%" PRId64
                    " ns); replayed as it stands (--keep-order)\n",
@@ -266,7 +266,7 @@ int main(int argc, char **argv) {
       sum.early_gyro_warned = true;
     }
     seen_mag = seen_mag || e.sensor == Sensor::kMag;
-    if (sum.events++ == 0) sum.first_ns = e.t_ns;
+    if (sum.events_replayed++ == 0) sum.first_ns = e.t_ns;
     sum.last_ns = e.t_ns;
     prev_t = e.t_ns;
     prev_line = e.line;
@@ -287,7 +287,7 @@ int main(int argc, char **argv) {
                       o.events + ": no events (the file is empty or holds only a header and "
                                  "comments)");
   }
-  if (sum.events == 0) {
+  if (sum.events_replayed == 0) {
     char to[48] = "the end";
     if (o.to_s >= 0) std::snprintf(to, sizeof to, "--to %g s", o.to_s);
     char buf[160];

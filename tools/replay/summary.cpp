@@ -134,15 +134,38 @@ double StepDigest::MedianGap() const {
   return worst_gap;
 }
 
-void PrintSummary(const SummaryInput &in, FILE *out) {
+void PrintSummary(const SummaryInput &given, FILE *out) {
+  SummaryInput in = given;
+  const float *limit = FloatVar(*in.lib, "k7q_interference_threshold");
+  StepDigest held(in.initial_offset, limit != nullptr ? *limit : NAN);
+  if (in.steps == nullptr) {
+    if (in.rows != nullptr) {
+      for (const StepRow &r : *in.rows) held.Add(r);
+    }
+    if (in.events != nullptr && !in.events->empty()) {
+      in.events_replayed = in.events->size();
+      in.first_ns = in.events->front().t_ns;
+      in.last_ns = in.events->back().t_ns;
+      // The early-gyroscope warning is given for a gyroscope event before the
+      // first magnetometer event that was not skipped.
+      for (const Event &e : *in.events) {
+        if (e.sensor == Sensor::kMag) break;
+        if (e.sensor == Sensor::kGyr && in.hw_gyro == 1 && in.counts.skipped_gyro == 0) {
+          in.early_gyro_warned = true;
+          break;
+        }
+      }
+    }
+    in.steps = &held;
+  }
   const StepDigest &d = *in.steps;
   const int64_t t0 = in.first_ns;
   const size_t *n = in.counts.per_sensor;
   std::fprintf(out, "== replay summary ==\n");
   std::fprintf(out, "%-20s%s\n", "input", in.events_path.c_str());
   std::fprintf(out, "%-20s%zu (acc %zu, gyr %zu, mag %zu, cur %zu) over %.1f s\n",
-               "events replayed", in.events, n[0], n[1], n[2], n[3],
-               in.events == 0 ? 0.0 : Seconds(in.last_ns, t0));
+               "events replayed", in.events_replayed, n[0], n[1], n[2], n[3],
+               in.events_replayed == 0 ? 0.0 : Seconds(in.last_ns, t0));
   if (in.counts.skipped_gyro > 0) {
     std::fprintf(out, "%-20s%zu gyroscope events before the first magnetometer event\n", "skipped",
                  in.counts.skipped_gyro);
@@ -186,7 +209,6 @@ void PrintSummary(const SummaryInput &in, FILE *out) {
   if (d.cal_after.n > 0)
     std::fprintf(out, "; after adoption %.2f uT, %.2f uT", d.cal_after.mean, d.cal_after.spread());
   std::fprintf(out, "\n");
-  const float *limit = FloatVar(*in.lib, "k7q_interference_threshold");
   if (limit != nullptr && d.over_limit > 0) {
     std::fprintf(out, "%-20s%zu steps with a raw axis above %.0f uT (k7q_interference_threshold)\n",
                  "interference", d.over_limit, double{*limit});

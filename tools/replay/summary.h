@@ -63,9 +63,15 @@ class StepDigest {
 
 struct SummaryInput {
   std::string events_path;
-  size_t events = 0;                    // replayed
-  int64_t first_ns = 0, last_ns = 0;    // first and last replayed event
+  // A streamed replay gives the digest and the replayed events' count and
+  // span; a replay held in memory gives its events and rows instead (with
+  // the offset in force right after init), and the digest is made here.
   const StepDigest *steps = nullptr;
+  size_t events_replayed = 0;
+  int64_t first_ns = 0, last_ns = 0;    // first and last replayed event
+  const std::vector<Event> *events = nullptr;
+  const std::vector<StepRow> *rows = nullptr;
+  float initial_offset[3] = {0, 0, 0};
   ReplayCounts counts;
   const Library *lib = nullptr;
   int hw_gyro = 0;
