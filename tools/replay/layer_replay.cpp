@@ -36,60 +36,63 @@ bool OpenHostLayer(const Library &lib, int hw_gyro, const std::vector<Assignment
   return true;
 }
 
-bool RunLayerReplay(const Library &lib, const std::vector<Event> &events,
-                    const ReplayConfig &config, std::vector<StepRow> *rows, ReplayCounts *counts,
-                    std::string *error) {
-  const float *qfusion = static_cast<const float *>(lib.Symbol("Qfusion"));
+LayerReplayer::LayerReplayer(const Library &lib, const ReplayConfig &config)
+    : config_(config), qfusion_(static_cast<const float *>(lib.Symbol("Qfusion"))) {
+  std::memset(&last_, 0, sizeof last_);
+}
+
+bool LayerReplayer::Feed(const Event &e, StepRow *row, bool *stepped, std::string *error) {
   static const QvnLayerOutput kOrder[kFusionOutputCount] = {
       QVN_LAYER_ORIENTATION, QVN_LAYER_ROTATION_VECTOR, QVN_LAYER_GAME_ROTATION_VECTOR,
       QVN_LAYER_GEOMAGNETIC, QVN_LAYER_GRAVITY,         QVN_LAYER_LINEAR_ACCEL,
       QVN_LAYER_VIRTUAL_GYRO};
-  CaliResult last;
-  std::memset(&last, 0, sizeof last);
-  for (const Event &e : events) {
-    SensorEvent s;
-    std::memset(&s, 0, sizeof s);
-    s.timestamp = e.t_ns;
-    s.x = static_cast<float>(e.x);
-    s.y = static_cast<float>(e.y);
-    s.z = static_cast<float>(e.z);
-    s.accuracy = 3;
-    counts->per_sensor[static_cast<int>(e.sensor)]++;
-    switch (e.sensor) {
-      case Sensor::kAcc: qvn_layer_set_accel(&s); break;
-      case Sensor::kGyr:
-        if (qvn_layer_set_gyro(&s) == QVN_LAYER_HELD) counts->skipped_gyro++;
-        break;
-      case Sensor::kCur:
-        if (config.on_current && !config.on_current(static_cast<int64_t>(e.x), error)) return false;
-        break;
-      case Sensor::kMag: {
-        StepRow row;
-        std::memset(&row, 0, sizeof row);
-        row.t_ns = e.t_ns;
-        row.raw[0] = s.x;
-        row.raw[1] = s.y;
-        row.raw[2] = s.z;
-        int code = qvn_layer_set_mag(&s, &row.cal);
-        if (code == QVN_LAYER_PASSED || code == QVN_LAYER_RECOVERED) {
-          last = row.cal;
-        } else {
-          row.cal = last;  // dropped: the host goes on with its last result
-          row.cal.timestamp = e.t_ns;
-        }
-        for (int k = 0; k < kFusionOutputCount; ++k) qvn_layer_get(kOrder[k], &row.fusion[k]);
-        for (int k = 0; k < 4; ++k) row.qfusion[k] = qfusion != nullptr ? qfusion[k] : NAN;
-        rows->push_back(row);
-        break;
+  *stepped = false;
+  SensorEvent s;
+  std::memset(&s, 0, sizeof s);
+  s.timestamp = e.t_ns;
+  s.x = static_cast<float>(e.x);
+  s.y = static_cast<float>(e.y);
+  s.z = static_cast<float>(e.z);
+  s.accuracy = 3;
+  counts_.per_sensor[static_cast<int>(e.sensor)]++;
+  switch (e.sensor) {
+    case Sensor::kAcc: qvn_layer_set_accel(&s); break;
+    case Sensor::kGyr:
+      if (qvn_layer_set_gyro(&s) == QVN_LAYER_HELD) counts_.skipped_gyro++;
+      break;
+    case Sensor::kCur:
+      if (config_.on_current && !config_.on_current(static_cast<int64_t>(e.x), error))
+        return false;
+      break;
+    case Sensor::kMag: {
+      std::memset(static_cast<void *>(row), 0, sizeof *row);
+      row->t_ns = e.t_ns;
+      row->raw[0] = s.x;
+      row->raw[1] = s.y;
+      row->raw[2] = s.z;
+      int code = qvn_layer_set_mag(&s, &row->cal);
+      if (code == QVN_LAYER_PASSED || code == QVN_LAYER_RECOVERED) {
+        last_ = row->cal;
+      } else {
+        row->cal = last_;  // dropped: the host goes on with its last result
+        row->cal.timestamp = e.t_ns;
       }
+      for (int k = 0; k < kFusionOutputCount; ++k) qvn_layer_get(kOrder[k], &row->fusion[k]);
+      for (int k = 0; k < 4; ++k) row->qfusion[k] = qfusion_ != nullptr ? qfusion_[k] : NAN;
+      *stepped = true;
+      break;
     }
   }
+  return true;
+}
+
+const ReplayCounts &LayerReplayer::counts() {
   QvnLayerCounters n;
   if (qvn_layer_counters(&n) == 0) {
-    counts->reinits = n.recoveries;
-    counts->first_reinit_ns = n.first_recovery_ns;
+    counts_.reinits = n.recoveries;
+    counts_.first_reinit_ns = n.first_recovery_ns;
   }
-  return true;
+  return counts_;
 }
 
 void PrintLayerCounters(FILE *out) {

@@ -20,11 +20,20 @@ namespace qvn_tools {
 bool OpenHostLayer(const Library &lib, int hw_gyro, const std::vector<Assignment> &sets,
                    std::string *error);
 
-// As RunReplay, through the layer (skip_early_gyro and reinit_on_nan are the
-// layer's own business and ignored).
-bool RunLayerReplay(const Library &lib, const std::vector<Event> &events,
-                    const ReplayConfig &config, std::vector<StepRow> *rows, ReplayCounts *counts,
-                    std::string *error);
+// As Replayer, through the layer (skip_early_gyro and reinit_on_nan are the
+// layer's own business and ignored; counts.reinits are its recoveries).
+class LayerReplayer {
+ public:
+  LayerReplayer(const Library &lib, const ReplayConfig &config);
+  bool Feed(const Event &e, StepRow *row, bool *stepped, std::string *error);
+  const ReplayCounts &counts();
+
+ private:
+  const ReplayConfig &config_;
+  const float *qfusion_;
+  CaliResult last_;
+  ReplayCounts counts_;
+};
 
 // The layer's counters, one summary block.
 void PrintLayerCounters(FILE *out);
