@@ -139,7 +139,10 @@ void Initialise(Layer &l) {
 
 void LogRecovery(Layer &l, const char *why) {
   double interval = l.config.log_interval_s > 0 ? l.config.log_interval_s : kDefaultLogInterval;
-  if (l.logged_once && static_cast<double>(l.now_ns - l.last_log_ns) < interval * 1e9) return;
+  // In double: sample times may be anywhere in int64 (a clock that jumps or
+  // goes back logs at once).
+  const double since = static_cast<double>(l.now_ns) - static_cast<double>(l.last_log_ns);
+  if (l.logged_once && since >= 0 && since < interval * 1e9) return;
   __android_log_print(ANDROID_LOG_WARN, kLogTag,
                       "recovered the core at %lld ns (%s not finite); %llu recoveries since the "
                       "last line, %llu in all",
@@ -239,7 +242,8 @@ void KeepGood(Layer &l, const CaliResult &r) {
   double interval =
       l.config.save_interval_s == 0 ? kDefaultSaveInterval : l.config.save_interval_s;
   if (interval < 0) return;
-  if (!l.saved_once || static_cast<double>(l.now_ns - l.last_save_ns) >= interval * 1e9) Save(l);
+  const double since = static_cast<double>(l.now_ns) - static_cast<double>(l.last_save_ns);
+  if (!l.saved_once || since < 0 || since >= interval * 1e9) Save(l);
 }
 
 // Hygiene shared by the three sensors. Returns QVN_LAYER_PASSED or the reason.
