@@ -69,6 +69,14 @@ const char kHelp[] =
     "  --errors-out FILE    per-step heading and tilt errors of every output (CSV, for\n"
     "                       qvn_plot --errors)\n"
     "  --no-lag             do not estimate each output's lag (faster)\n"
+    "  --attempts-out FILE  every calibration attempt (CSV): time, method, samples,\n"
+    "                       sphere of the batch, verdict and the bound that refused it\n"
+    "  --quality-out FILE   per step (CSV): batch count, share of directions covered,\n"
+    "                       distance of the offset in force from the reference fit\n"
+    "  --reference-events FILE\n"
+    "                       fit the offset reference on the magnetometer events of FILE\n"
+    "                       (a calibration recording of the same phone) instead of on\n"
+    "                       the replayed recording itself\n"
     "  --truth FILE         simulator truth (offset_uT, soft_iron; default: truth.txt\n"
     "                       beside EVENTS.csv)\n"
     "  --no-truth           ignore ground truth files beside EVENTS.csv\n"
@@ -84,7 +92,8 @@ bool TakesValue(const std::string &option) {
       "--log-level",  "--out",         "--sysfs-root", "--charging-current",
       "--gt",         "--gt-shift-ms", "--truth",      "--set-file",
       "--from",       "--to",          "--warmup",     "--errors-out",
-      "--score-from", "--score-to"};
+      "--score-from", "--score-to",   "--attempts-out", "--quality-out",
+      "--reference-events"};
   for (const char *o : kOptions) {
     if (option == o) return true;
   }
@@ -147,6 +156,12 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
         return ReplayFail(kExitUsage, a + " takes seconds >= 0, not '" + v + "'");
     } else if (a == "--errors-out") {
       o->errors_out = v;
+    } else if (a == "--attempts-out") {
+      o->attempts_out = v;
+    } else if (a == "--quality-out") {
+      o->quality_out = v;
+    } else if (a == "--reference-events") {
+      o->reference_events = v;
     } else if (a == "--log-level") {
       if (!ParseLogLevel(v, &o->log_priority))
         return ReplayFail(kExitUsage, "unknown --log-level '" + v + "'");

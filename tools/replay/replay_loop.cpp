@@ -157,7 +157,9 @@ bool RunReplay(const Library &lib, const std::vector<Event> &events, const Repla
         row.raw[1] = s.y;
         row.raw[2] = s.z;
         api.QVN_CaliApiSetMagData(&s);
+        if (config.before_cali) config.before_cali();
         api.QVN_DoCaliAPI(&s, &row.cal);
+        if (config.after_cali) config.after_cali(row);
         for (int k = 0; k < kFusionOutputCount; ++k) getters[k](&row.fusion[k]);
         for (int k = 0; k < 4; ++k) row.qfusion[k] = qfusion != nullptr ? qfusion[k] : NAN;
         rows->push_back(row);

@@ -13,6 +13,7 @@
 #include "core/ground_truth.h"
 #include "core/tunables.h"
 #include "replay/accuracy.h"
+#include "replay/cali_report.h"
 #include "replay/library.h"
 #include "replay/options.h"
 #include "replay/replay_loop.h"
@@ -126,6 +127,26 @@ int main(int argc, char **argv) {
     return 0;
   }
 
+  // Calibration attempts are decoded from the library's exported state around
+  // every step; the offset reference is fitted beforehand, so that each
+  // batch's coverage is measured about it.
+  LibraryFrame frame;
+  frame.Read(lib);
+  OffsetReference reference;
+  if (!o.reference_events.empty()) {
+    std::vector<Event> cal_events;
+    if (!ReadEventCsv(o.reference_events, &cal_events, &error)) return ReplayFail(kExitUsage, error);
+    reference = FitReference(cal_events, frame, o.reference_events);
+  } else {
+    reference = FitReference(events, frame, "this recording");
+  }
+  AttemptDecoder decoder([&lib](const char *name) { return lib.Symbol(name); });
+  if (!decoder.ok()) {
+    std::fprintf(stderr, "qvn_replay: warning: calibration attempts not decoded: the library "
+                         "does not export %s\n", decoder.missing().c_str());
+  }
+  if (reference.ok) decoder.SetReferenceCentre(reference.fit.centre);
+
   WarnAboutInput(o.events, events, o.hw_gyro, o.skip_early_gyro, stderr);
   SummaryInput sum;
   api.QVN_CaliApiGetOffset(sum.initial_offset);
@@ -135,6 +156,10 @@ int main(int argc, char **argv) {
   config.reinitialise = initialise;
   config.progress = isatty(STDERR_FILENO) && events.size() >= kProgressMinEvents &&
                     o.log_priority == ANDROID_LOG_SILENT;
+  if (decoder.ok()) {
+    config.before_cali = [&decoder]() { decoder.BeforeStep(); };
+    config.after_cali = [&decoder](const StepRow &row) { decoder.AfterStep(row.t_ns); };
+  }
   config.on_current = [&folder](int64_t current, std::string *why) {
     return folder.SetCurrent(current, why);
   };
@@ -142,6 +167,22 @@ int main(int argc, char **argv) {
   if (!RunReplay(lib, events, config, &rows, &sum.counts, &error))
     return ReplayFail(kExitRuntime, error);
   if (!o.out.empty() && !WriteStepCsv(o.out, rows, &error)) return ReplayFail(kExitRuntime, error);
+
+  CaliReportInput cali;
+  cali.rows = &rows;
+  cali.decoder = &decoder;
+  cali.reference = &reference;
+  cali.frame = &frame;
+  cali.t0_ns = events.empty() ? 0 : events.front().t_ns;
+  double true_offset[3];
+  if (!o.truth.empty() && truth.HasOffset()) {
+    for (int k = 0; k < 3; ++k) true_offset[k] = (*truth.Get("offset_uT"))[k];
+    cali.true_offset = true_offset;
+  }
+  if (!o.attempts_out.empty() && !WriteAttemptsCsv(o.attempts_out, cali, &error))
+    return ReplayFail(kExitRuntime, error);
+  if (!o.quality_out.empty() && !WriteQualityCsv(o.quality_out, cali, &error))
+    return ReplayFail(kExitRuntime, error);
 
   AccuracyReport accuracy;
   bool scored = !gt.empty() && !rows.empty();
@@ -168,6 +209,7 @@ int main(int argc, char **argv) {
     sum.gt_path = o.gt;
     sum.truth = o.truth.empty() ? nullptr : &truth;
     sum.truth_path = o.truth;
+    sum.cali = decoder.ok() ? &cali : nullptr;
     PrintSummary(sum, stdout);
   }
   return 0;

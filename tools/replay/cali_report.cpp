@@ -1,0 +1,326 @@
+// Calibration attempts, coverage and offset quality in the replay summary and
+// in two CSV files.
+#include "replay/cali_report.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+namespace qvn_tools {
+namespace {
+
+constexpr double kNsPerS = 1e9;
+constexpr size_t kAttemptLinesHead = 10;  // attempts listed in full at the start ...
+constexpr size_t kAttemptLinesTail = 3;   // ... and at the end of the summary
+// Below this share of directions a sphere fit leaves the offset along the
+// unseen directions free: the reference is reported as poorly determined.
+constexpr double kReferenceMinCoverage = 0.3;
+const double kCoverageMarks[] = {10, 30, 60};  // seconds after the start
+// The Earth's field at the surface is 22-67 uT: a sphere outside this band
+// fitted to a whole recording says the phone hardly turned (a still phone's
+// noise fits a sphere of a few uT), not where the offset is.
+constexpr double kPlausibleFieldMin = 20.0, kPlausibleFieldMax = 80.0;
+// A reference centre less certain than this along some axis (1 sigma) is
+// reported as poorly determined along it.
+constexpr double kReferenceMaxSe = 1.0;
+
+double Seconds(int64_t t, int64_t t0) { return static_cast<double>(t - t0) / kNsPerS; }
+
+V3 Offset(const StepRow &r) { return {r.cal.bias_x, r.cal.bias_y, r.cal.bias_z}; }
+
+// Writes text to path through a temporary file renamed into place.
+bool WriteFile(const std::string &path, const std::string &text, std::string *error) {
+  std::string tmp = path + ".partial.XXXXXX";
+  int fd = mkstemp(&tmp[0]);
+  if (fd < 0) {
+    *error = "cannot create " + tmp + ": " + std::strerror(errno);
+    return false;
+  }
+  fchmod(fd, 0644);
+  FILE *f = fdopen(fd, "w");
+  if (f == nullptr) {
+    close(fd);
+    unlink(tmp.c_str());
+    *error = "cannot write " + tmp;
+    return false;
+  }
+  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+  ok = (std::fclose(f) == 0) && ok;
+  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
+    *error = "cannot write " + path + ": " + std::strerror(errno);
+    unlink(tmp.c_str());
+    return false;
+  }
+  return true;
+}
+
+void Append(std::string *s, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void Append(std::string *s, const char *fmt, ...) {
+  char buf[1024];
+  va_list ap;
+  va_start(ap, fmt);
+  std::vsnprintf(buf, sizeof buf, fmt, ap);
+  va_end(ap);
+  *s += buf;
+}
+
+void PrintAttempt(const CaliAttempt &a, int64_t t0, FILE *out) {
+  std::fprintf(out, "  %+8.2f s  %-4s %3d samples", Seconds(a.t_ns, t0), MethodName(a.method),
+               a.samples);
+  if (a.fitted) {
+    std::fprintf(out, "  centre (%7.2f %7.2f %7.2f) r %5.1f", a.centre.x, a.centre.y, a.centre.z,
+                 a.radius);
+  }
+  if (a.logged_radius >= 0) std::fprintf(out, " (library %d)", a.logged_radius);
+  std::fprintf(out, "  cover %3.0f%%  %s%s\n", 100 * a.coverage,
+               a.passed ? "" : "refused: ", a.why.c_str());
+}
+
+}  // namespace
+
+void LibraryFrame::Read(const Library &lib) {
+  if (const float *s = static_cast<const float *>(lib.Symbol("static_sfi"))) {
+    for (int i = 0; i < 9; ++i) sfi[i] = s[i];
+  }
+  if (!Invert3(sfi, sfi_inv)) {
+    for (int i = 0; i < 9; ++i) sfi_inv[i] = (i % 4 == 0) ? 1 : 0;
+  }
+  if (const int16_t *a = static_cast<const int16_t *>(lib.Symbol("mag_axis"))) {
+    for (int i = 0; i < 3; ++i) axis[i] = a[i];
+  }
+}
+
+V3 LibraryFrame::FromSensor(V3 raw) const {
+  V3 m = MatVec(sfi, raw);
+  double in[3] = {m.x, m.y, m.z}, o[3];
+  for (int i = 0; i < 3; ++i) {
+    int k = std::abs(axis[i]);
+    if (k < 1 || k > 3) return m;  // the library leaves such a vector as it is
+    o[i] = (axis[i] < 0 ? -1 : 1) * in[k - 1];
+  }
+  return {o[0], o[1], o[2]};
+}
+
+V3 LibraryFrame::ToSensor(V3 lib) const {
+  double in[3] = {lib.x, lib.y, lib.z}, o[3] = {lib.x, lib.y, lib.z};
+  bool valid = true;
+  for (int i = 0; i < 3; ++i) valid = valid && std::abs(axis[i]) >= 1 && std::abs(axis[i]) <= 3;
+  if (valid) {
+    for (int i = 0; i < 3; ++i) o[std::abs(axis[i]) - 1] = (axis[i] < 0 ? -1 : 1) * in[i];
+  }
+  return MatVec(sfi_inv, {o[0], o[1], o[2]});
+}
+
+OffsetReference FitReference(const std::vector<Event> &events, const LibraryFrame &frame,
+                             const std::string &source) {
+  OffsetReference ref;
+  ref.source = source;
+  std::vector<V3> pts;
+  for (const Event &e : events) {
+    if (e.sensor == Sensor::kMag) pts.push_back(frame.FromSensor({e.x, e.y, e.z}));
+  }
+  ref.fit = FitSphereRobust(pts);
+  ref.samples = pts.size();
+  double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
+  for (const V3 &p : pts) {
+    double v[3] = {p.x, p.y, p.z};
+    for (int k = 0; k < 3; ++k) lo[k] = std::min(lo[k], v[k]), hi[k] = std::max(hi[k], v[k]);
+  }
+  for (int k = 0; k < 3 && !pts.empty(); ++k) ref.extent = std::max(ref.extent, hi[k] - lo[k]);
+  ref.ok = ref.fit.ok && ref.fit.radius >= kPlausibleFieldMin && ref.fit.radius <= kPlausibleFieldMax;
+  if (ref.ok) ref.coverage = Coverage(pts, ref.fit.centre);
+  return ref;
+}
+
+std::vector<StepQuality> StepQualities(const CaliReportInput &in) {
+  const std::vector<StepRow> &rows = *in.rows;
+  std::vector<StepQuality> q(rows.size());
+  bool ref = in.reference != nullptr && in.reference->ok;
+  DirectionCells cells;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if (!ref) continue;
+    V3 c = in.reference->fit.centre;
+    cells.Add(in.frame->FromSensor({rows[i].raw[0], rows[i].raw[1], rows[i].raw[2]}), c);
+    q[i].coverage = cells.Share();
+    q[i].distance = Norm(Offset(rows[i]) - c);
+  }
+  return q;
+}
+
+void PrintCaliReport(const CaliReportInput &in, FILE *out) {
+  const std::vector<StepRow> &rows = *in.rows;
+  const std::vector<CaliAttempt> &att = in.decoder->attempts();
+  int64_t t0 = in.t0_ns;
+  size_t adopted = 0, passed = 0, by_method[4] = {0, 0, 0, 0};
+  for (const CaliAttempt &a : att) {
+    adopted += a.adopted;
+    passed += a.passed;
+    by_method[static_cast<int>(a.method)]++;
+  }
+  std::string methods;
+  for (int m = 0; m < 4; ++m) {
+    if (by_method[m] == 0) continue;
+    Append(&methods, "%s%s %zu", methods.empty() ? "" : ", ", MethodName(static_cast<CaliMethod>(m)),
+           by_method[m]);
+  }
+  std::fprintf(out, "%-20s%zu", "fit attempts", att.size());
+  if (!att.empty()) {
+    std::fprintf(out, " (%s): %zu passed, %zu adopted, %zu refused", methods.c_str(), passed,
+                 adopted, att.size() - passed);
+    if (att.size() > passed) std::fprintf(out, " (%s)", RefusalCounts(att).c_str());
+  }
+  std::fprintf(out, "\n");
+  for (size_t i = 0; i < att.size(); ++i) {
+    if (i == kAttemptLinesHead && att.size() > kAttemptLinesHead + kAttemptLinesTail) {
+      std::fprintf(out, "  ... %zu more (all in --attempts-out)\n",
+                   att.size() - kAttemptLinesHead - kAttemptLinesTail);
+      i = att.size() - kAttemptLinesTail;
+    }
+    PrintAttempt(att[i], t0, out);
+  }
+  const CollectionStats &st = in.decoder->stats();
+  std::fprintf(out,
+               "%-20s%zu stored, %zu refused as too close to stored ones; batch of %d, "
+               "emptied %zu times after refusals in a row, %zu by level changes\n",
+               "samples", st.admitted, st.too_close, st.batch_size, st.emptied, st.level_clears);
+  if (st.hold_steps > 0 || st.interference_periods > 0) {
+    std::fprintf(out, "%-20s%.1f s in holds (no fitting), %zu periods (%zu samples) fitted "
+                      "with the interference method\n",
+                 "interference", static_cast<double>(st.hold_ns) / kNsPerS,
+                 st.interference_periods, st.interference_steps);
+  }
+
+  const OffsetReference *ref = in.reference;
+  std::vector<StepQuality> q = StepQualities(in);
+  if (ref != nullptr && ref->ok) {
+    const SphereFit &f = ref->fit;
+    std::fprintf(out,
+                 "%-20s%s: robust sphere fit, centre (%.2f, %.2f, %.2f) +- (%.2f, %.2f, %.2f) "
+                 "uT, radius %.2f uT, residual %.2f uT, %zu of %zu samples, %.0f%% of "
+                 "directions\n",
+                 "offset reference", ref->source.c_str(), f.centre.x, f.centre.y, f.centre.z,
+                 f.centre_se.x, f.centre_se.y, f.centre_se.z, f.radius, f.residual_rms, f.used,
+                 ref->samples, 100 * ref->coverage);
+    double se[3] = {f.centre_se.x, f.centre_se.y, f.centre_se.z};
+    std::string weak;
+    for (int k = 0; k < 3; ++k) {
+      if (se[k] > kReferenceMaxSe) weak += std::string(weak.empty() ? "" : ", ") + "xyz"[k];
+    }
+    if (ref->coverage < kReferenceMinCoverage || !weak.empty()) {
+      std::fprintf(out, "%-20spoorly determined%s%s: the samples cover %.0f%% of directions, so "
+                        "distances below are only as good as the reference\n",
+                   "  caution", weak.empty() ? "" : " along ", weak.c_str(),
+                   100 * ref->coverage);
+    }
+    if (in.true_offset != nullptr) {
+      V3 t = in.frame->FromSensor({in.true_offset[0], in.true_offset[1], in.true_offset[2]});
+      std::fprintf(out, "%-20s%.2f uT from the true offset\n", "  reference error",
+                   Norm(f.centre - t));
+    }
+    if (!rows.empty()) {
+      std::string marks;
+      for (double m : kCoverageMarks) {
+        for (size_t i = 0; i < rows.size(); ++i) {
+          if (Seconds(rows[i].t_ns, t0) < m) continue;
+          Append(&marks, "%.0f%% at +%.0f s, ", 100 * q[i].coverage, m);
+          break;
+        }
+      }
+      std::fprintf(out, "%-20s%s%.0f%% at the end (%d equal-area cells about the reference)\n",
+                   "coverage", marks.c_str(), 100 * q.back().coverage, kCoverageCells);
+      // Offset quality over the time at accuracy 3.
+      double at3 = 0, far3 = 0;
+      std::vector<double> d3;
+      for (size_t i = 0; i + 1 < rows.size(); ++i) {
+        if (rows[i].cal.accuracy != 3) continue;
+        double dt = Seconds(rows[i + 1].t_ns, rows[i].t_ns);
+        at3 += dt;
+        d3.push_back(q[i].distance);
+        if (q[i].distance > kOffsetTolerance) far3 += dt;
+      }
+      std::fprintf(out, "%-20s%.2f uT from the reference at the end", "offset in force",
+                   q.back().distance);
+      if (!d3.empty()) {
+        std::sort(d3.begin(), d3.end());
+        std::fprintf(out, "; median %.2f uT, largest %.2f uT over the time at accuracy 3",
+                     d3[d3.size() / 2], d3.back());
+      }
+      std::fprintf(out, "\n");
+      std::fprintf(out, "%-20s%.1f s at accuracy 3, %.1f s (%.0f%%) of it with the offset more "
+                        "than %.0f uT from the reference%s\n",
+                   "offset quality", at3, far3, at3 > 0 ? 100 * far3 / at3 : 0.0,
+                   kOffsetTolerance, far3 > 0 ? "  <-- accuracy 3 claimed with a far offset" : "");
+    }
+  } else if (ref != nullptr) {
+    std::fprintf(out, "%-20s%s: none; ", "offset reference", ref->source.c_str());
+    if (ref->fit.ok) {
+      std::fprintf(out, "the best sphere has a radius of %.1f uT, no Earth field", ref->fit.radius);
+    } else {
+      std::fprintf(out, "no sphere fits the samples");
+    }
+    std::fprintf(out, " (the samples span %.1f uT at most: the phone hardly turned)\n",
+                 ref->extent);
+  }
+}
+
+void PrintCaliVerdict(const CaliReportInput &in, FILE *out) {
+  std::fprintf(out, "%-20s%s\n", "verdict",
+               CalibrationVerdict(in.decoder->attempts(), in.decoder->stats(), in.t0_ns).c_str());
+}
+
+bool WriteAttemptsCsv(const std::string &path, const CaliReportInput &in, std::string *error) {
+  std::string s =
+      "t_ns,t_s,method,samples,centre_x,centre_y,centre_z,radius,centre_sensor_x,"
+      "centre_sensor_y,centre_sensor_z,logged_radius,logged_mean,logged_off_shell,coverage,"
+      "passed,adopted,first_offset,level,accuracy_before,accuracy_after,offset_x,offset_y,"
+      "offset_z,bound,why\n";
+  for (const CaliAttempt &a : in.decoder->attempts()) {
+    V3 cs = in.frame->ToSensor(a.centre);
+    std::string why = a.why;
+    std::replace(why.begin(), why.end(), '"', '\'');
+    Append(&s, "%" PRId64 ",%.6f,%s,%d,", a.t_ns, Seconds(a.t_ns, in.t0_ns), MethodName(a.method),
+           a.samples);
+    if (a.fitted) {
+      Append(&s, "%.4f,%.4f,%.4f,%.4f,%.4f,%.4f,%.4f,", a.centre.x, a.centre.y, a.centre.z,
+             a.radius, cs.x, cs.y, cs.z);
+    } else {
+      s += ",,,,,,,";
+    }
+    Append(&s, "%d,%d,%d,%.4f,%d,%d,%d,%d,%d,%d,%.9g,%.9g,%.9g,%s,\"%s\"\n", a.logged_radius,
+           a.logged_mean, a.logged_off_shell, a.coverage, a.passed, a.adopted, a.first_offset,
+           a.level, a.accuracy_before, a.accuracy_after, double{a.offset_after[0]},
+           double{a.offset_after[1]}, double{a.offset_after[2]}, BoundKey(a.bound), why.c_str());
+  }
+  return WriteFile(path, s, error);
+}
+
+bool WriteQualityCsv(const std::string &path, const CaliReportInput &in, std::string *error) {
+  const std::vector<StepRow> &rows = *in.rows;
+  const std::vector<int16_t> &fill = in.decoder->batch_counts();
+  std::vector<StepQuality> q = StepQualities(in);
+  bool ref = in.reference != nullptr && in.reference->ok;
+  V3 c = ref ? in.reference->fit.centre : V3{NAN, NAN, NAN};
+  V3 cs = ref ? in.frame->ToSensor(c) : c;
+  double r = ref ? in.reference->fit.radius : NAN;
+  std::string s =
+      "t_ns,batch,coverage,offset_distance,ref_x,ref_y,ref_z,ref_radius,ref_sensor_x,"
+      "ref_sensor_y,ref_sensor_z\n";
+  char refcols[256];
+  std::snprintf(refcols, sizeof refcols, "%.4f,%.4f,%.4f,%.4f,%.4f,%.4f,%.4f\n", c.x, c.y, c.z, r,
+                cs.x, cs.y, cs.z);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    Append(&s, "%" PRId64 ",%d,%.4f,%.4f,", rows[i].t_ns, i < fill.size() ? fill[i] : -1,
+           q[i].coverage, q[i].distance);
+    s += refcols;
+  }
+  return WriteFile(path, s, error);
+}
+
+}  // namespace qvn_tools

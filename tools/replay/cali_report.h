@@ -1,0 +1,78 @@
+// What the replay says about calibration: every attempt and its verdict, the
+// directions the samples covered, and how far the offset in force stayed from
+// an independent whole-recording fit (the reference), with the time spent at
+// accuracy 3 while it was far.
+#ifndef QVNLIB_TOOLS_REPLAY_CALI_REPORT_H
+#define QVNLIB_TOOLS_REPLAY_CALI_REPORT_H
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "core/cali_attempts.h"
+#include "core/cali_geometry.h"
+#include "core/event_csv.h"
+#include "replay/library.h"
+#include "replay/replay_loop.h"
+
+namespace qvn_tools {
+
+// Distance between the offset in force and the reference above which time at
+// accuracy 3 is flagged: 5 uT turns into up to 10-15 degrees of heading error
+// where the horizontal field is 20-30 uT.
+constexpr double kOffsetTolerance = 5.0;
+
+// The library's frame for magnetometer samples: its fixed soft-iron matrix and
+// axis remap, read after initialisation, applied to raw sensor values.
+struct LibraryFrame {
+  double sfi[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  double sfi_inv[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  int axis[3] = {1, 2, 3};
+  void Read(const Library &lib);
+  V3 FromSensor(V3 raw) const;
+  V3 ToSensor(V3 lib) const;  // a centre back into the sensor frame
+};
+
+struct OffsetReference {
+  bool ok = false;
+  std::string source;  // "this recording" or the events file it came from
+  SphereFit fit;       // library frame
+  size_t samples = 0;
+  double coverage = 0;  // of the samples used, about the fitted centre
+  double extent = 0;    // largest range of the samples along one axis, uT
+};
+
+// Robust sphere fit of the magnetometer events, in the library frame.
+OffsetReference FitReference(const std::vector<Event> &events, const LibraryFrame &frame,
+                             const std::string &source);
+
+struct CaliReportInput {
+  const std::vector<StepRow> *rows = nullptr;
+  const AttemptDecoder *decoder = nullptr;
+  const OffsetReference *reference = nullptr;
+  const LibraryFrame *frame = nullptr;
+  const double *true_offset = nullptr;  // sensor frame, from the simulator's truth; may be null
+  int64_t t0_ns = 0;
+};
+
+// Per step: cumulative coverage about the reference centre, distance of the
+// offset in force from the reference (NaN without one).
+struct StepQuality {
+  double coverage = 0;
+  double distance = NAN;
+};
+std::vector<StepQuality> StepQualities(const CaliReportInput &in);
+
+// The attempts, coverage and offset-quality lines.
+void PrintCaliReport(const CaliReportInput &in, FILE *out);
+// The closing sentence: calibrated at t (how), or never calibrated because.
+void PrintCaliVerdict(const CaliReportInput &in, FILE *out);
+
+// attempts.csv: one row per attempt. quality.csv: one row per step with the
+// batch count, coverage, distance, and the reference in both frames.
+bool WriteAttemptsCsv(const std::string &path, const CaliReportInput &in, std::string *error);
+bool WriteQualityCsv(const std::string &path, const CaliReportInput &in, std::string *error);
+
+}  // namespace qvn_tools
+
+#endif  // QVNLIB_TOOLS_REPLAY_CALI_REPORT_H
