@@ -280,7 +280,7 @@ bool WriteAttemptsCsv(const std::string &path, const CaliReportInput &in, std::s
       "t_ns,t_s,method,samples,centre_x,centre_y,centre_z,radius,centre_sensor_x,"
       "centre_sensor_y,centre_sensor_z,logged_radius,logged_mean,logged_off_shell,coverage,"
       "passed,adopted,first_offset,level,accuracy_before,accuracy_after,offset_x,offset_y,"
-      "offset_z,bound,why\n";
+      "offset_z,offset_sensor_x,offset_sensor_y,offset_sensor_z,bound,why\n";
   for (const CaliAttempt &a : in.decoder->attempts()) {
     V3 cs = in.frame->ToSensor(a.centre);
     std::string why = a.why;
@@ -293,10 +293,12 @@ bool WriteAttemptsCsv(const std::string &path, const CaliReportInput &in, std::s
     } else {
       s += ",,,,,,,";
     }
-    Append(&s, "%d,%d,%d,%.4f,%d,%d,%d,%d,%d,%d,%.9g,%.9g,%.9g,%s,\"%s\"\n", a.logged_radius,
-           a.logged_mean, a.logged_off_shell, a.coverage, a.passed, a.adopted, a.first_offset,
-           a.level, a.accuracy_before, a.accuracy_after, double{a.offset_after[0]},
-           double{a.offset_after[1]}, double{a.offset_after[2]}, BoundKey(a.bound), why.c_str());
+    V3 os = in.frame->ToSensor({a.offset_after[0], a.offset_after[1], a.offset_after[2]});
+    Append(&s, "%d,%d,%d,%.4f,%d,%d,%d,%d,%d,%d,%.9g,%.9g,%.9g,%.4f,%.4f,%.4f,%s,\"%s\"\n",
+           a.logged_radius, a.logged_mean, a.logged_off_shell, a.coverage, a.passed, a.adopted,
+           a.first_offset, a.level, a.accuracy_before, a.accuracy_after, double{a.offset_after[0]},
+           double{a.offset_after[1]}, double{a.offset_after[2]}, os.x, os.y, os.z,
+           BoundKey(a.bound), why.c_str());
   }
   return WriteFile(path, s, error);
 }
