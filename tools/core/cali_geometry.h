@@ -1,7 +1,6 @@
 // Geometry of magnetometer samples for the tools, in double precision and
-// independent of the library's own float32 fits: a least-squares sphere (with
-// an optional robust pass that drops samples far off the shell) and the share
-// of directions that a set of samples covers.
+// independent of the library's own float32 fits: a least-squares sphere and
+// the share of directions that a set of samples covers.
 //
 // Sphere: |m - c|^2 = R^2 is linear in p = (2c, R^2 - |c|^2):
 //   2 c . m + (R^2 - |c|^2) = |m|^2,
@@ -31,22 +30,12 @@ struct SphereFit {
   bool ok = false;
   V3 centre{0, 0, 0};
   double radius = 0;
-  double residual_rms = 0;  // RMS of |m - c| - R over the samples kept, uT
-  size_t used = 0;          // samples kept by the robust pass
-  // Standard error (1 sigma) of each centre component from the scatter of
-  // the samples about the fit, uT: large along a direction the samples never
-  // turned through (a phone kept flat leaves its z offset unobserved).
-  V3 centre_se{0, 0, 0};
+  double residual_rms = 0;  // RMS of |m - c| - R, uT
 };
 
 // Plain least squares over all points; ok is false for fewer than 4 points,
 // a singular system (all points on one plane) or an imaginary radius.
 SphereFit FitSphere(const std::vector<V3> &points);
-
-// Least squares, then up to `passes` refits without the samples whose
-// distance from the shell exceeds max(3 x the median absolute deviation,
-// floor_ut), so that a short disturbance does not pull the centre.
-SphereFit FitSphereRobust(const std::vector<V3> &points, int passes = 3, double floor_ut = 2.0);
 
 // Equal-area cell index (0 .. kCoverageCells-1) of the direction of v, or -1
 // for a zero or non-finite vector.

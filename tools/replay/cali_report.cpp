@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "reference/mag_calibration.h"
+
 namespace qvn_tools {
 namespace {
 
@@ -23,10 +25,6 @@ constexpr size_t kAttemptLinesTail = 3;   // ... and at the end of the summary
 // unseen directions free: the reference is reported as poorly determined.
 constexpr double kReferenceMinCoverage = 0.3;
 const double kCoverageMarks[] = {10, 30, 60};  // seconds after the start
-// The Earth's field at the surface is 22-67 uT: a sphere outside this band
-// fitted to a whole recording says the phone hardly turned (a still phone's
-// noise fits a sphere of a few uT), not where the offset is.
-constexpr double kPlausibleFieldMin = 20.0, kPlausibleFieldMax = 80.0;
 // A reference centre less certain than this along some axis (1 sigma) is
 // reported as poorly determined along it.
 constexpr double kReferenceMaxSe = 1.0;
@@ -122,20 +120,32 @@ OffsetReference FitReference(const std::vector<Event> &events, const LibraryFram
                              const std::string &source) {
   OffsetReference ref;
   ref.source = source;
+  std::vector<qvn_reference::MagSample> raw;
   std::vector<V3> pts;
   for (const Event &e : events) {
-    if (e.sensor == Sensor::kMag) pts.push_back(frame.FromSensor({e.x, e.y, e.z}));
+    if (e.sensor != Sensor::kMag) continue;
+    raw.push_back({e.t_ns, e.x, e.y, e.z});
+    pts.push_back(frame.FromSensor({e.x, e.y, e.z}));
   }
-  ref.fit = FitSphereRobust(pts);
-  ref.samples = pts.size();
-  double lo[3] = {INFINITY, INFINITY, INFINITY}, hi[3] = {-INFINITY, -INFINITY, -INFINITY};
-  for (const V3 &p : pts) {
-    double v[3] = {p.x, p.y, p.z};
-    for (int k = 0; k < 3; ++k) lo[k] = std::min(lo[k], v[k]), hi[k] = std::max(hi[k], v[k]);
+  ref.samples = raw.size();
+  if (raw.empty()) {
+    ref.error = "no magnetometer samples";
+    return ref;
   }
-  for (int k = 0; k < 3 && !pts.empty(); ++k) ref.extent = std::max(ref.extent, hi[k] - lo[k]);
-  ref.ok = ref.fit.ok && ref.fit.radius >= kPlausibleFieldMin && ref.fit.radius <= kPlausibleFieldMax;
-  if (ref.ok) ref.coverage = Coverage(pts, ref.fit.centre);
+  qvn_reference::MagCalResult fit = qvn_reference::CalibrateMagnetometer(raw);
+  ref.ok = fit.ok;
+  ref.error = fit.error;
+  if (!fit.ok) return ref;
+  ref.centre_sensor = {fit.offset[0], fit.offset[1], fit.offset[2]};
+  // The library subtracts its offset after its fixed matrix: the same point
+  // in its frame (the map is linear).
+  ref.centre = frame.FromSensor(ref.centre_sensor);
+  ref.sigma = {fit.offset_sigma[0], fit.offset_sigma[1], fit.offset_sigma[2]};
+  ref.radius = fit.radius;
+  ref.residual_rms = fit.residual_rms;
+  ref.soft_iron = fit.soft_iron_fitted;
+  ref.inliers = fit.inliers;
+  ref.coverage = Coverage(pts, ref.centre);
   return ref;
 }
 
@@ -146,7 +156,7 @@ std::vector<StepQuality> StepQualities(const CaliReportInput &in) {
   DirectionCells cells;
   for (size_t i = 0; i < rows.size(); ++i) {
     if (!ref) continue;
-    V3 c = in.reference->fit.centre;
+    V3 c = in.reference->centre;
     cells.Add(in.frame->FromSensor({rows[i].raw[0], rows[i].raw[1], rows[i].raw[2]}), c);
     q[i].coverage = cells.Share();
     q[i].distance = Norm(Offset(rows[i]) - c);
@@ -200,15 +210,15 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
   const OffsetReference *ref = in.reference;
   std::vector<StepQuality> q = StepQualities(in);
   if (ref != nullptr && ref->ok) {
-    const SphereFit &f = ref->fit;
     std::fprintf(out,
-                 "%-20s%s: robust sphere fit, centre (%.2f, %.2f, %.2f) +- (%.2f, %.2f, %.2f) "
-                 "uT, radius %.2f uT, residual %.2f uT, %zu of %zu samples, %.0f%% of "
-                 "directions\n",
-                 "offset reference", ref->source.c_str(), f.centre.x, f.centre.y, f.centre.z,
-                 f.centre_se.x, f.centre_se.y, f.centre_se.z, f.radius, f.residual_rms, f.used,
-                 ref->samples, 100 * ref->coverage);
-    double se[3] = {f.centre_se.x, f.centre_se.y, f.centre_se.z};
+                 "%-20s%s: whole-recording %s fit, offset (%.2f, %.2f, %.2f) +- (%.2f, %.2f, "
+                 "%.2f) uT (library frame), field %.2f uT, residual %.2f uT, %zu of %zu samples, "
+                 "%.0f%% of directions\n",
+                 "offset reference", ref->source.c_str(), ref->soft_iron ? "ellipsoid" : "sphere",
+                 ref->centre.x, ref->centre.y, ref->centre.z, ref->sigma.x, ref->sigma.y,
+                 ref->sigma.z, ref->radius, ref->residual_rms, ref->inliers, ref->samples,
+                 100 * ref->coverage);
+    double se[3] = {ref->sigma.x, ref->sigma.y, ref->sigma.z};
     std::string weak;
     for (int k = 0; k < 3; ++k) {
       if (se[k] > kReferenceMaxSe) weak += std::string(weak.empty() ? "" : ", ") + "xyz"[k];
@@ -222,7 +232,7 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
     if (in.true_offset != nullptr) {
       V3 t = in.frame->FromSensor({in.true_offset[0], in.true_offset[1], in.true_offset[2]});
       std::fprintf(out, "%-20s%.2f uT from the true offset\n", "  reference error",
-                   Norm(f.centre - t));
+                   Norm(ref->centre - t));
     }
     if (!rows.empty()) {
       std::string marks;
@@ -259,14 +269,8 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
                    kOffsetTolerance, far3 > 0 ? "  <-- accuracy 3 claimed with a far offset" : "");
     }
   } else if (ref != nullptr) {
-    std::fprintf(out, "%-20s%s: none; ", "offset reference", ref->source.c_str());
-    if (ref->fit.ok) {
-      std::fprintf(out, "the best sphere has a radius of %.1f uT, no Earth field", ref->fit.radius);
-    } else {
-      std::fprintf(out, "no sphere fits the samples");
-    }
-    std::fprintf(out, " (the samples span %.1f uT at most: the phone hardly turned)\n",
-                 ref->extent);
+    std::fprintf(out, "%-20s%s: none (%s)\n", "offset reference", ref->source.c_str(),
+                 ref->error.c_str());
   }
 }
 
@@ -308,9 +312,9 @@ bool WriteQualityCsv(const std::string &path, const CaliReportInput &in, std::st
   const std::vector<int16_t> &fill = in.decoder->batch_counts();
   std::vector<StepQuality> q = StepQualities(in);
   bool ref = in.reference != nullptr && in.reference->ok;
-  V3 c = ref ? in.reference->fit.centre : V3{NAN, NAN, NAN};
-  V3 cs = ref ? in.frame->ToSensor(c) : c;
-  double r = ref ? in.reference->fit.radius : NAN;
+  V3 c = ref ? in.reference->centre : V3{NAN, NAN, NAN};
+  V3 cs = ref ? in.reference->centre_sensor : c;
+  double r = ref ? in.reference->radius : NAN;
   std::string s =
       "t_ns,batch,coverage,offset_distance,ref_x,ref_y,ref_z,ref_radius,ref_sensor_x,"
       "ref_sensor_y,ref_sensor_z\n";

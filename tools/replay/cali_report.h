@@ -33,16 +33,22 @@ struct LibraryFrame {
   V3 ToSensor(V3 lib) const;  // a centre back into the sensor frame
 };
 
+// The batch calibration of a whole recording (every sample at once, robust to
+// disturbed spans), as a reference for the offset the library keeps.
 struct OffsetReference {
   bool ok = false;
-  std::string source;  // "this recording" or the events file it came from
-  SphereFit fit;       // library frame
-  size_t samples = 0;
-  double coverage = 0;  // of the samples used, about the fitted centre
-  double extent = 0;    // largest range of the samples along one axis, uT
+  std::string source;      // "this recording" or the events file it came from
+  std::string error;       // why there is none
+  V3 centre{0, 0, 0};      // offset in the library frame
+  V3 centre_sensor{0, 0, 0};
+  V3 sigma{0, 0, 0};       // 1 sigma of the offset, sensor frame
+  double radius = 0, residual_rms = 0;
+  bool soft_iron = false;  // a soft-iron matrix was fitted too (else a sphere)
+  size_t samples = 0, inliers = 0;
+  double coverage = 0;     // of the samples, about the centre
 };
 
-// Robust sphere fit of the magnetometer events, in the library frame.
+// Reference calibration of the magnetometer events.
 OffsetReference FitReference(const std::vector<Event> &events, const LibraryFrame &frame,
                              const std::string &source);
 

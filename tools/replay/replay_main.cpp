@@ -145,7 +145,7 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "qvn_replay: warning: calibration attempts not decoded: the library "
                          "does not export %s\n", decoder.missing().c_str());
   }
-  if (reference.ok) decoder.SetReferenceCentre(reference.fit.centre);
+  if (reference.ok) decoder.SetReferenceCentre(reference.centre);
 
   WarnAboutInput(o.events, events, o.hw_gyro, o.skip_early_gyro, stderr);
   SummaryInput sum;
