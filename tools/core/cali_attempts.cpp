@@ -428,8 +428,11 @@ std::string CalibrationVerdict(const std::vector<CaliAttempt> &attempts,
     for (const CaliAttempt &a : attempts) before += (&a < first && !a.passed);
     std::string s = Format("calibrated at +%.1f s by the %s method at level %d", secs(first->t_ns),
                            MethodName(first->method), first->level);
-    if (before > 0) s += Format(", after %zu refused attempts", before);
-    if (refused > before) s += Format("; %zu later attempts refused", refused - before);
+    if (before > 0) s += Format(", after %zu refused attempt%s", before, before == 1 ? "" : "s");
+    if (refused > before) {
+      s += Format("; %zu later attempt%s refused", refused - before,
+                  refused - before == 1 ? "" : "s");
+    }
     if (refused > 0) s += " (" + RefusalCounts(attempts) + ")";
     return s + ".";
   }

@@ -81,6 +81,31 @@ void PrintAttempt(const CaliAttempt &a, int64_t t0, FILE *out) {
                a.passed ? "" : "refused: ", a.why.c_str());
 }
 
+// Time at accuracy 3 and the part of it with the offset far from the reference.
+struct Level3Quality {
+  double at3 = 0, far3 = 0, median = NAN, largest = NAN;
+};
+
+Level3Quality QualityAtLevel3(const std::vector<StepRow> &rows, const std::vector<StepQuality> &q) {
+  Level3Quality r;
+  std::vector<double> d3;
+  for (size_t i = 0; i + 1 < rows.size(); ++i) {
+    if (rows[i].cal.accuracy != 3) continue;
+    double dt = Seconds(rows[i + 1].t_ns, rows[i].t_ns);
+    r.at3 += dt;
+    d3.push_back(q[i].distance);
+    if (q[i].distance > kOffsetTolerance) r.far3 += dt;
+  }
+  if (!d3.empty()) {
+    std::sort(d3.begin(), d3.end());
+    r.median = d3[d3.size() / 2];
+    r.largest = d3.back();
+  }
+  return r;
+}
+
+const char *Plural(size_t n) { return n == 1 ? "" : "s"; }
+
 }  // namespace
 
 void LibraryFrame::Read(const Library &lib) {
@@ -198,13 +223,14 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
   const CollectionStats &st = in.decoder->stats();
   std::fprintf(out,
                "%-20s%zu stored, %zu refused as too close to stored ones; batch of %d, "
-               "emptied %zu times after refusals in a row, %zu by level changes\n",
-               "samples", st.admitted, st.too_close, st.batch_size, st.emptied, st.level_clears);
+               "emptied %zu time%s after refusals in a row, %zu by level changes\n",
+               "samples", st.admitted, st.too_close, st.batch_size, st.emptied, Plural(st.emptied),
+               st.level_clears);
   if (st.hold_steps > 0 || st.interference_periods > 0) {
-    std::fprintf(out, "%-20s%.1f s in holds (no fitting), %zu periods (%zu samples) fitted "
-                      "with the interference method\n",
+    std::fprintf(out, "%-20s%.1f s in holds (no fitting), %zu period%s (%zu samples) with the "
+                      "interference method\n",
                  "interference", static_cast<double>(st.hold_ns) / kNsPerS,
-                 st.interference_periods, st.interference_steps);
+                 st.interference_periods, Plural(st.interference_periods), st.interference_steps);
   }
 
   const OffsetReference *ref = in.reference;
@@ -245,28 +271,19 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
       }
       std::fprintf(out, "%-20s%s%.0f%% at the end (%d equal-area cells about the reference)\n",
                    "coverage", marks.c_str(), 100 * q.back().coverage, kCoverageCells);
-      // Offset quality over the time at accuracy 3.
-      double at3 = 0, far3 = 0;
-      std::vector<double> d3;
-      for (size_t i = 0; i + 1 < rows.size(); ++i) {
-        if (rows[i].cal.accuracy != 3) continue;
-        double dt = Seconds(rows[i + 1].t_ns, rows[i].t_ns);
-        at3 += dt;
-        d3.push_back(q[i].distance);
-        if (q[i].distance > kOffsetTolerance) far3 += dt;
-      }
+      Level3Quality l3 = QualityAtLevel3(rows, q);
       std::fprintf(out, "%-20s%.2f uT from the reference at the end", "offset in force",
                    q.back().distance);
-      if (!d3.empty()) {
-        std::sort(d3.begin(), d3.end());
+      if (l3.at3 > 0) {
         std::fprintf(out, "; median %.2f uT, largest %.2f uT over the time at accuracy 3",
-                     d3[d3.size() / 2], d3.back());
+                     l3.median, l3.largest);
       }
       std::fprintf(out, "\n");
       std::fprintf(out, "%-20s%.1f s at accuracy 3, %.1f s (%.0f%%) of it with the offset more "
                         "than %.0f uT from the reference%s\n",
-                   "offset quality", at3, far3, at3 > 0 ? 100 * far3 / at3 : 0.0,
-                   kOffsetTolerance, far3 > 0 ? "  <-- accuracy 3 claimed with a far offset" : "");
+                   "offset quality", l3.at3, l3.far3, l3.at3 > 0 ? 100 * l3.far3 / l3.at3 : 0.0,
+                   kOffsetTolerance,
+                   l3.far3 > 0 ? "  <-- accuracy 3 claimed with a far offset" : "");
     }
   } else if (ref != nullptr) {
     std::fprintf(out, "%-20s%s: none (%s)\n", "offset reference", ref->source.c_str(),
@@ -275,8 +292,42 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
 }
 
 void PrintCaliVerdict(const CaliReportInput &in, FILE *out) {
-  std::fprintf(out, "%-20s%s\n", "verdict",
-               CalibrationVerdict(in.decoder->attempts(), in.decoder->stats(), in.t0_ns).c_str());
+  const std::vector<CaliAttempt> &att = in.decoder->attempts();
+  std::string v = CalibrationVerdict(att, in.decoder->stats(), in.t0_ns);
+  bool calibrated = v.rfind("calibrated", 0) == 0;
+  const OffsetReference *ref = in.reference;
+  std::vector<StepQuality> q = StepQualities(in);
+  if (ref == nullptr || !ref->ok || q.empty()) {
+    if (calibrated) {
+      v += " How well cannot be checked: no reference (" +
+           (ref != nullptr ? ref->error : std::string("none given")) + ").";
+    }
+  } else if (!calibrated) {
+    char buf[160];
+    std::snprintf(buf, sizeof buf, " Its samples covered %.0f%% of directions about the reference.",
+                  100 * q.back().coverage);
+    v += buf;
+  } else {
+    Level3Quality l3 = QualityAtLevel3(*in.rows, q);
+    char buf[400];
+    if (l3.at3 <= 0) {
+      std::snprintf(buf, sizeof buf, " It never reached accuracy 3; its offset ended %.1f uT from "
+                                     "the reference.", q.back().distance);
+    } else if (l3.far3 > 0) {
+      std::snprintf(buf, sizeof buf,
+                    " At accuracy 3 for %.0f s, %.0f%% of it with the offset more than %.0f uT "
+                    "from the reference (median %.1f uT): accuracy 3 was claimed with a wrong "
+                    "offset.",
+                    l3.at3, 100 * l3.far3 / l3.at3, kOffsetTolerance, l3.median);
+    } else {
+      std::snprintf(buf, sizeof buf,
+                    " At accuracy 3 for %.0f s with the offset within %.0f uT of the reference "
+                    "throughout (median %.2f uT).",
+                    l3.at3, kOffsetTolerance, l3.median);
+    }
+    v += buf;
+  }
+  std::fprintf(out, "%-20s%s\n", "verdict", v.c_str());
 }
 
 bool WriteAttemptsCsv(const std::string &path, const CaliReportInput &in, std::string *error) {
