@@ -53,7 +53,7 @@ replay() {
   if [ -f "$(dirname "$events")/gt.csv" ]; then errs=(--errors-out "$dir/errors.csv"); fi
   "$tools/qvn_replay" --out "$dir/steps.csv" --attempts-out "$dir/attempts.csv" \
     --quality-out "$dir/quality.csv" "${errs[@]}" "$@" "$events" | tee "$dir/summary.txt"
-  verdicts+=("$(printf '%-20s %s' "$name" "$(grep -m1 '^verdict' "$dir/summary.txt" | cut -c21-)")")
+  verdicts+=("$name" "$(grep -m1 '^verdict' "$dir/summary.txt" | cut -c21-)")
   if [ "${QVN_NO_PLOTS:-0}" = 1 ]; then return; fi
   local extra=()
   if [ -f "$dir/errors.csv" ]; then extra=(--errors "$dir/errors.csv"); fi
@@ -84,7 +84,10 @@ else
 fi
 
 step "what the library did, per recording"
-printf '%s\n' "${verdicts[@]}" | fold -s -w 110 | sed '2,$s/^\([^ ]\)/                     \1/'
+for ((i = 0; i < ${#verdicts[@]}; i += 2)); do
+  printf '%-20s ' "${verdicts[i]}"
+  printf '%s\n' "${verdicts[i + 1]}" | fold -s -w 80 | sed '2,$s/^/                     /'
+done
 echo "(the reference: an independent batch calibration of the whole recording, or of"
 echo " phone_magcal for the still phone and the walk; 5 uT of offset error is 10-15 degrees"
 echo " of heading where the horizontal field is 20-30 uT)"

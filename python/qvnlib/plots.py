@@ -360,14 +360,20 @@ def truth_angles(truth, hw_gyro):
         level = _rot(1, -roll) @ _rot(0, -pitch)
         az = _azimuth_of(r, level)
     else:
+        # The compass path: pitch = atan2(-g.y, +-g.x sin r + g.z cos r), the
+        # sign minus face down; the field levelled with the rows below and the
+        # azimuth atan2(-X, Y) of it. With pitch and roll both non-zero these
+        # angles are not one rotation, so the azimuth is that of a horizontal
+        # north field seen through the same levelling, as the library sees it.
         sign = np.where(g[:, 2] < 0, -1.0, 1.0)
-        pitch = np.arctan2(-g[:, 1], sign * (g[:, 0] * np.sin(roll) + g[:, 2] * np.cos(roll)))
+        pitch = np.arctan2(-g[:, 1], sign * g[:, 0] * np.sin(roll) + g[:, 2] * np.cos(roll))
         sp, cp, sr, cr = np.sin(pitch), np.cos(pitch), np.sin(roll), np.cos(roll)
         down = np.abs(np.degrees(pitch)) > 90
-        row0 = np.stack([np.where(down, -cr, cr), np.zeros_like(cr), -sr], axis=1)
-        row1 = np.stack([sp * sr, np.where(down, -cp, cp), np.where(down, -sp * cr, sp * cr)], axis=1)
-        level = np.stack([row0, row1, np.cross(row0, row1)], axis=1)
-        az = _azimuth_of(r, level)
+        north = r[:, 1, :]  # the world's north in phone coordinates
+        x = np.where(down, -cr, cr) * north[:, 0] - sr * north[:, 2]
+        y = (sp * sr * north[:, 0] + np.where(down, -cp, cp) * north[:, 1]
+             + np.where(down, -sp * cr, sp * cr) * north[:, 2])
+        az = np.degrees(np.arctan2(-x, y)) % 360.0
         p = np.abs(np.degrees(pitch))
         az = np.where((p > 90) & (p < 140), (az - 180.0) % 360.0, az)
     upright = np.degrees(np.arcsin(np.clip(np.maximum(np.abs(r[:, 2, 1]), np.abs(r[:, 2, 0])), 0, 1)))
