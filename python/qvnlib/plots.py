@@ -27,7 +27,7 @@ import numpy as np
 FIG_WIDTH_PX = 1500
 FIG_HEIGHT_PX = 1000
 DPI = 100
-MAX_CLOUD_POINTS = 6000
+MAX_CLOUD_POINTS = 4000
 SERIES_COLUMNS = 1400  # roughly the pixel columns of an axis
 OFFSET_TOLERANCE_UT = 5.0  # the replay summary flags accuracy 3 beyond this distance
 # The phone's y axis (upright) or x axis (on its side, where the angle order
@@ -60,25 +60,22 @@ def _window(df, t0, t_from, t_to):
 
 
 def decimate(t, y, columns=SERIES_COLUMNS):
-    """Indices that keep, per time column, the smallest and largest finite y."""
-    n = len(t)
-    if n <= 2 * columns:
-        return np.arange(n)
+    """(t, y) to draw: all points when they are few, else per time column its
+    smallest and largest finite value (at the column's middle), so that peaks
+    survive and a long recording does not turn into a solid band. t must be
+    sorted."""
+    t = np.asarray(t, dtype=np.float64)
     y = np.asarray(y, dtype=np.float64)
-    bins = np.minimum(((t - t[0]) / max(t[-1] - t[0], 1e-9) * columns).astype(np.int64), columns - 1)
-    finite = np.isfinite(y)
-    idx = np.flatnonzero(finite)
-    if len(idx) == 0:
-        return np.arange(0, n, max(1, n // columns))
-    b = bins[idx]
-    v = y[idx]
-    # Sorting by (bin, value) puts each bin's minimum first and maximum last.
-    order = np.lexsort((v, b))
-    b_sorted = b[order]
-    first = np.flatnonzero(np.r_[True, b_sorted[1:] != b_sorted[:-1]])
-    last = np.r_[first[1:] - 1, len(order) - 1]
-    keep = np.unique(np.r_[idx[order[first]], idx[order[last]]])
-    return keep
+    if len(t) <= 2 * columns:
+        return t, y
+    edges = np.searchsorted(t, np.linspace(t[0], t[-1], columns + 1)[:-1])
+    starts = np.unique(edges)
+    with np.errstate(invalid="ignore"):
+        lo = np.fmin.reduceat(y, starts)
+        hi = np.fmax.reduceat(y, starts)
+    ends = np.r_[starts[1:], len(t)] - 1
+    mid = 0.5 * (t[starts] + t[ends])
+    return np.repeat(mid, 2), np.column_stack([lo, hi]).ravel()
 
 
 def thin(n, limit=MAX_CLOUD_POINTS):
@@ -218,9 +215,43 @@ def field_clouds(steps, attempts=None, quality=None, t_from=None, t_to=None):
     return fig
 
 
-def _series(ax, t, y, **kw):
-    keep = decimate(t, y)
-    return ax.plot(t[keep], np.asarray(y)[keep], **kw)
+def envelope(t, y, columns=SERIES_COLUMNS):
+    """Per time column: middle time, mean, smallest and largest finite value;
+    None when the series is short enough to draw as it is. t must be sorted."""
+    t = np.asarray(t, dtype=np.float64)
+    y = np.asarray(y, dtype=np.float64)
+    if len(t) <= 2 * columns:
+        return None
+    starts = np.unique(np.searchsorted(t, np.linspace(t[0], t[-1], columns + 1)[:-1]))
+    finite = np.isfinite(y)
+    with np.errstate(invalid="ignore", divide="ignore"):
+        lo = np.fmin.reduceat(y, starts)
+        hi = np.fmax.reduceat(y, starts)
+        mean = np.add.reduceat(np.where(finite, y, 0), starts) / np.add.reduceat(finite, starts)
+    ends = np.r_[starts[1:], len(t)] - 1
+    return 0.5 * (t[starts] + t[ends]), mean, lo, hi
+
+
+def _series(ax, t, y, label=None, **kw):
+    """A line, or for a long series its per-column mean with the range of
+    values around it shaded."""
+    env = envelope(t, y)
+    if env is None:
+        return ax.plot(t, y, label=label, **kw)
+    mid, mean, lo, hi = env
+    lines = ax.plot(mid, mean, label=label + " (mean per pixel, shaded: range)" if label else None, **kw)
+    ax.fill_between(mid, lo, hi, color=lines[0].get_color(), alpha=0.25, linewidth=0)
+    return lines
+
+
+def _spans(t, flag):
+    """(start, end) times of the runs where flag is true."""
+    if len(t) == 0:
+        return []
+    f = np.r_[False, np.asarray(flag, dtype=bool), False]
+    d = np.flatnonzero(np.diff(f.astype(np.int8)))
+    t_end = np.r_[t, t[-1]]
+    return list(zip(t[d[0::2]], t_end[d[1::2]]))
 
 
 def calibration_timeline(steps, attempts=None, quality=None, t_from=None, t_to=None):
@@ -247,8 +278,7 @@ def calibration_timeline(steps, attempts=None, quality=None, t_from=None, t_to=N
     ax.grid(True, alpha=0.3)
 
     ax = axes[1][0]
-    keep = decimate(t, steps["accuracy"].to_numpy())
-    ax.step(t[keep], steps["accuracy"].to_numpy()[keep], where="post", color="black", linewidth=0.9)
+    ax.step(*decimate(t, steps["accuracy"].to_numpy()), where="post", color="black", linewidth=0.9)
     if attempts is not None and len(attempts):
         ta = _seconds(attempts, t0)
         adopted = attempts["adopted"].to_numpy() == 1
@@ -292,9 +322,10 @@ def calibration_timeline(steps, attempts=None, quality=None, t_from=None, t_to=N
                    label=f"{OFFSET_TOLERANCE_UT:.0f} uT")
         acc = steps["accuracy"].to_numpy()
         if len(acc) == len(d):
-            far3 = (acc == 3) & (d > OFFSET_TOLERANCE_UT)
-            ax.fill_between(tq, 0, 1, where=far3, transform=ax.get_xaxis_transform(), color="#d62728",
-                            alpha=0.15, step="post", label="accuracy 3 with a far offset")
+            label = "accuracy 3 with a far offset"
+            for a, b in _spans(tq, (acc == 3) & (d > OFFSET_TOLERANCE_UT)):
+                ax.axvspan(a, b, color="#d62728", alpha=0.15, label=label)
+                label = None
         ax.set_yscale("log")
         ax.set_ylim(bottom=max(0.1, np.nanmin(d) / 2) if np.isfinite(d).any() else 0.1)
         ax.legend(loc="upper right", fontsize="small")
@@ -422,11 +453,9 @@ def orientation(steps, truth=None, hw_gyro=0, t_from=None, t_to=None):
                 f"heading offset {offset:+.1f} deg removed")
     lib["azimuth"][hidden] = np.nan
     for ax, name in zip(axes[:, 0], ("azimuth", "pitch", "roll")):
-        keep = decimate(t, lib[name])
-        ax.plot(t[keep], lib[name][keep], ".", markersize=2, label=f"library {name}")
+        ax.plot(*decimate(t, lib[name]), ".", markersize=2, label=f"library {name}")
         if tru is not None:
-            keep = decimate(tt, tru[name])
-            ax.plot(tt[keep], tru[name][keep], ".", markersize=1, color="gray", label=f"true {name}")
+            ax.plot(*decimate(tt, tru[name]), ".", markersize=1, color="gray", label=f"true {name}")
         ax.set_ylabel(f"{name} (deg)")
         ax.legend(loc="upper right", fontsize="small")
         ax.grid(True, alpha=0.3)
@@ -445,22 +474,21 @@ def errors(errors_df, t_from=None, t_to=None):
         cols = cols[cols["t_s"] >= t_from]
     if t_to is not None:
         cols = cols[cols["t_s"] <= t_to]
-    outputs = [c[: -len("_heading")] for c in cols.columns if c.endswith("_heading")]
+    # An output that never changes on the path is not scored: all empty.
+    outputs = [c[: -len("_heading")] for c in cols.columns
+               if c.endswith("_heading") and np.isfinite(cols[c].to_numpy(dtype=np.float64)).any()]
     fig, axes = _figure(max(1, len(outputs)), 1, sharex=True)
     t = cols["t_s"].to_numpy(dtype=np.float64)
     for ax, name in zip(axes[:, 0], outputs):
         for kind in ("heading", "tilt"):
             v = cols[f"{name}_{kind}"].to_numpy(dtype=np.float64)
             rms = math.sqrt(np.nanmean(v * v)) if np.isfinite(v).any() else math.nan
-            keep = decimate(t, v)
-            ax.plot(t[keep], v[keep], linewidth=0.6, label=f"{kind} error (RMS {rms:.1f})")
+            _series(ax, t, v, linewidth=0.6, label=f"{kind} error (RMS {rms:.1f})")
         ax.set_ylabel(f"{name} (deg)")
         ax.grid(True, alpha=0.3)
         ax.legend(loc="upper left", fontsize="small")
         level = ax.twinx()
-        acc = cols["accuracy"].to_numpy()
-        keep = decimate(t, acc)
-        level.step(t[keep], acc[keep], where="post", color="gray", linewidth=0.8)
+        level.step(*decimate(t, cols["accuracy"].to_numpy()), where="post", color="gray", linewidth=0.8)
         level.set_ylim(-0.3, 3.3)
         level.set_yticks([0, 1, 2, 3])
         level.set_ylabel("accuracy", color="gray")

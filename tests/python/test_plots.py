@@ -91,11 +91,18 @@ def test_decimate_keeps_extremes_and_bounds_the_count():
     t = np.linspace(0, 3600, 180000)
     y = np.sin(t)
     y[12345], y[150000] = 50.0, -70.0
-    keep = plots.decimate(t, y, columns=1000)
-    assert len(keep) <= 2000
-    assert 12345 in keep and 150000 in keep
-    assert np.all(np.diff(keep) > 0)
-    assert len(plots.decimate(t[:100], y[:100])) == 100
+    y[200:300] = np.nan
+    td, yd = plots.decimate(t, y, columns=1000)
+    assert len(td) <= 2000
+    assert yd.max() == 50.0 and yd.min() == -70.0
+    assert np.all(np.diff(td) >= 0) and td[0] >= 0 and td[-1] <= 3600
+    # the peak stays within its column's time
+    assert abs(td[np.argmax(yd)] - t[12345]) <= 3600 / 1000
+    assert len(plots.decimate(t[:100], y[:100])[0]) == 100
+    mid, mean, lo, hi = plots.envelope(t, y, columns=1000)
+    assert hi.max() == 50.0 and lo.min() == -70.0
+    assert np.all(lo <= mean) and np.all(mean <= hi)
+    assert plots.envelope(t[:100], y[:100]) is None
 
 
 def test_calibrated_mask_starts_at_the_first_new_offset():

@@ -40,16 +40,22 @@ def import_plots():
     raise ImportError("qvnlib.plots not found (looked in " + ", ".join(CANDIDATES) + ")")
 
 
-def read_csv(path, required, what):
+def read_csv(path, required, what, only_required=False):
+    import numpy as np
     import pandas as pd
 
     try:
-        df = pd.read_csv(path)
+        header = pd.read_csv(path, nrows=0).columns
+        missing = [c for c in required if c not in header]
+        if missing:
+            raise ValueError(f"not {what} (no column {', '.join(missing)})")
+        # Only the columns drawn, as float32 (times as int64): a one-hour
+        # replay has 180000 rows.
+        dtypes = {c: (np.int64 if c == "t_ns" else np.float32) for c in required}
+        df = pd.read_csv(path, usecols=required if only_required else None,
+                         dtype=dtypes if only_required else None)
     except (OSError, ValueError) as e:
-        raise ValueError(f"{path}: cannot read ({e})")
-    missing = [c for c in required if c not in df.columns]
-    if missing:
-        raise ValueError(f"{path}: not {what} (no column {', '.join(missing)})")
+        raise ValueError(f"{path}: {e}")
     if len(df) == 0:
         raise ValueError(f"{path}: no rows")
     numeric = df.select_dtypes(exclude="number").columns.intersection(required)
@@ -93,17 +99,19 @@ def main(argv):
             steps = read_csv(args.steps, ["t_ns", "raw_x", "raw_y", "raw_z", "cal_x", "cal_y", "cal_z",
                                           "offset_x", "offset_y", "offset_z", "accuracy", "azimuth",
                                           "pitch", "roll", "gravity_x", "gravity_y", "gravity_z"],
-                             "a qvn_replay --out file")
+                             "a qvn_replay --out file", only_required=True)
             a = args.attempts or beside(args.steps, "attempts.csv")
             q = args.quality or beside(args.steps, "quality.csv")
             if a:
                 attempts = read_csv(a, ["t_ns", "passed", "adopted", "coverage"], "an attempts file")
                 attempts = attempts if len(attempts) else None
             if q:
-                quality = read_csv(q, ["t_ns", "coverage", "offset_distance", "ref_radius"],
-                                   "a quality file")
+                quality = read_csv(q, ["t_ns", "coverage", "offset_distance", "ref_x", "ref_y", "ref_z",
+                                       "ref_radius", "ref_sensor_x", "ref_sensor_y", "ref_sensor_z"],
+                                   "a quality file", only_required=True)
         if args.errors:
             errors = read_csv(args.errors, ["t_s", "accuracy"], "a qvn_replay --errors-out file")
+            errors = errors.astype({c: "float32" for c in errors.columns if c != "t_s"})
         gt = args.gt or (beside(args.events, "gt.csv") if args.events else None)
         if gt and steps is not None:
             truth = read_csv(gt, ["t_ns", "qw", "qx", "qy", "qz"], "a ground-truth file")
