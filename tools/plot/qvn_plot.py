@@ -40,7 +40,7 @@ def import_plots():
     raise ImportError("qvnlib.plots not found (looked in " + ", ".join(CANDIDATES) + ")")
 
 
-def read_csv(path, required, what, only_required=False):
+def read_csv(path, required, what, only_required=False, may_be_empty=False):
     import numpy as np
     import pandas as pd
 
@@ -56,7 +56,7 @@ def read_csv(path, required, what, only_required=False):
                          dtype=dtypes if only_required else None)
     except (OSError, ValueError) as e:
         raise ValueError(f"{path}: {e}")
-    if len(df) == 0:
+    if len(df) == 0 and not may_be_empty:
         raise ValueError(f"{path}: no rows")
     numeric = df.select_dtypes(exclude="number").columns.intersection(required)
     if len(numeric):
@@ -103,7 +103,9 @@ def main(argv):
             a = args.attempts or beside(args.steps, "attempts.csv")
             q = args.quality or beside(args.steps, "quality.csv")
             if a:
-                attempts = read_csv(a, ["t_ns", "passed", "adopted", "coverage"], "an attempts file")
+                # No rows: no batch was ever complete.
+                attempts = read_csv(a, ["t_ns", "passed", "adopted", "coverage"], "an attempts file",
+                                    may_be_empty=True)
                 attempts = attempts if len(attempts) else None
             if q:
                 quality = read_csv(q, ["t_ns", "coverage", "offset_distance", "ref_x", "ref_y", "ref_z",
