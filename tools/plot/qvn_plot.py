@@ -59,7 +59,7 @@ def read_csv(path, required, what, only_required=False, may_be_empty=False):
     if len(df) == 0 and not may_be_empty:
         raise ValueError(f"{path}: no rows")
     numeric = df.select_dtypes(exclude="number").columns.intersection(required)
-    if len(numeric):
+    if len(df) and len(numeric):
         raise ValueError(f"{path}: column {numeric[0]} is not all numbers")
     return df
 
