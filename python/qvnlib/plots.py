@@ -144,7 +144,7 @@ def _reference(quality, raw):
         q = quality.iloc[0]
         return (np.array([q["ref_sensor_x"], q["ref_sensor_y"], q["ref_sensor_z"]]),
                 np.array([q["ref_x"], q["ref_y"], q["ref_z"]]), float(q["ref_radius"]),
-                "reference: robust fit of the whole recording")
+                "reference: independent batch calibration")
     fit = fit_sphere(raw)
     if fit is None:
         return None
@@ -283,8 +283,12 @@ def calibration_timeline(steps, attempts=None, quality=None, t_from=None, t_to=N
         ta = _seconds(attempts, t0)
         adopted = attempts["adopted"].to_numpy() == 1
         passed = attempts["passed"].to_numpy() == 1
-        ax.scatter(ta[adopted], np.full(adopted.sum(), 3.25), marker="v", color="#2ca02c",
-                   label="fit adopted")
+        first = adopted & ~passed  # a refused oval fit's sphere centre, taken at level 1
+        ax.scatter(ta[adopted & passed], np.full((adopted & passed).sum(), 3.25), marker="v",
+                   color="#2ca02c", label="fit adopted")
+        if first.any():
+            ax.scatter(ta[first], np.full(first.sum(), 1.25), marker="v", color="#ff7f0e",
+                       label="refused, its sphere centre taken as a first offset")
         ax.scatter(ta[passed & ~adopted], np.full((passed & ~adopted).sum(), 3.25), marker="v",
                    color="gray", label="passed, not adopted")
         refused = ~passed
@@ -295,6 +299,9 @@ def calibration_timeline(steps, attempts=None, quality=None, t_from=None, t_to=N
         if text:
             ax.text(0.01, 0.5, "refused by: " + text, transform=ax.transAxes, fontsize="small")
         ax.legend(loc="center right", fontsize="small")
+    else:
+        ax.text(0.01, 0.5, "no fit attempted: no batch was ever complete", transform=ax.transAxes,
+                fontsize="small")
     ax.set_ylim(-0.6, 3.6)
     ax.set_yticks([0, 1, 2, 3])
     ax.set_ylabel("accuracy level")
@@ -310,7 +317,14 @@ def calibration_timeline(steps, attempts=None, quality=None, t_from=None, t_to=N
                    label="directions covered by each attempt's batch (%)")
     ax.set_ylim(0, 105)
     ax.set_ylabel("coverage (%)")
-    ax.legend(loc="lower right", fontsize="small")
+    ax.legend(loc="upper left", fontsize="small")
+    if quality is not None and len(quality) and "batch" in quality:
+        fill = ax.twinx()
+        _series(fill, _seconds(quality, t0), quality["batch"].to_numpy(), color="gray", linewidth=0.6,
+                label="samples in the batch")
+        fill.set_ylabel("samples in the batch", color="gray")
+        fill.set_ylim(bottom=0)
+        fill.legend(loc="upper right", fontsize="small")
     ax.grid(True, alpha=0.3)
 
     ax = axes[3][0]

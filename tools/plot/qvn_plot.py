@@ -108,7 +108,7 @@ def main(argv):
                                     may_be_empty=True)
                 attempts = attempts if len(attempts) else None
             if q:
-                quality = read_csv(q, ["t_ns", "coverage", "offset_distance", "ref_x", "ref_y", "ref_z",
+                quality = read_csv(q, ["t_ns", "batch", "coverage", "offset_distance", "ref_x", "ref_y", "ref_z",
                                        "ref_radius", "ref_sensor_x", "ref_sensor_y", "ref_sensor_z"],
                                    "a quality file", only_required=True)
         if args.errors:
