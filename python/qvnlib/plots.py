@@ -341,7 +341,7 @@ def calibration_timeline(steps, attempts=None, quality=None, t_from=None, t_to=N
                 ax.axvspan(a, b, color="#d62728", alpha=0.15, label=label)
                 label = None
         ax.set_yscale("log")
-        ax.set_ylim(bottom=max(0.1, np.nanmin(d) / 2) if np.isfinite(d).any() else 0.1)
+        ax.set_ylim(bottom=max(1e-3, np.nanmin(d) / 2) if np.isfinite(d).any() else 0.1)
         ax.legend(loc="upper right", fontsize="small")
     else:
         ax.text(0.5, 0.5, "no reference: offset quality unknown", ha="center", transform=ax.transAxes)

@@ -80,7 +80,9 @@ class Driven {
 
   const AttemptDecoder &Run(const std::vector<Event> &events) {
     qvn_tools::ReplayConfig config;
-    if (!decoder_) decoder_ = std::make_unique<AttemptDecoder>([](const char *) { return nullptr; });
+    if (!decoder_) {  // the library did not load: a decoder that finds nothing
+      decoder_ = std::make_unique<AttemptDecoder>([](const char *) { return nullptr; });
+    }
     AttemptDecoder &dec = *decoder_;
     config.before_cali = [&dec]() { dec.BeforeStep(); };
     config.after_cali = [&dec](const qvn_tools::StepRow &r) { dec.AfterStep(r.t_ns); };
@@ -111,6 +113,7 @@ std::vector<Event> MagEvents(const std::vector<V3> &pts) {
 }
 
 const V3 kCentre{30, -20, 40};
+double TwoShells(int i) { return i % 10 < 3 ? 55.0 : 45.0; }
 
 const Scene kScenes[] = {
     {"Passes", [] { return Shell(100, 45, kCentre); }, 0, 0, 1, CaliMethod::kBall,
@@ -121,11 +124,10 @@ const Scene kScenes[] = {
      CaliBound::kMeanOutside, "outside 25..70"},
     // Three samples in ten lie 10 uT outside the others' shell.
     {"TooManyOffTheShell",
-     [] { return Shell(100, 0, kCentre, nullptr, [](int i) { return i % 10 < 3 ? 55.0 : 45.0; }); },
-     0, 0, 1, CaliMethod::kBall, CaliBound::kOutliers, "30 of 100 samples"},
-    {"TooManyOffTheShellUnlogged",
-     [] { return Shell(100, 0, kCentre, nullptr, [](int i) { return i % 10 < 3 ? 55.0 : 45.0; }); },
-     0, 0, 0, CaliMethod::kBall, CaliBound::kOutliers, "30 of 100 samples"},
+     [] { return Shell(100, 0, kCentre, nullptr, TwoShells); }, 0, 0, 1, CaliMethod::kBall,
+     CaliBound::kOutliers, "30 of 100 samples"},
+    {"TooManyOffTheShellUnlogged", [] { return Shell(100, 0, kCentre, nullptr, TwoShells); }, 0, 0,
+     0, CaliMethod::kBall, CaliBound::kOutliers, "30 of 100 samples"},
     // Only the half facing the origin: the centre at x = 50 lies beyond a
     // sensor range of 49 uT while no sample reaches it.
     {"OffsetBeyondRange",
@@ -184,7 +186,9 @@ TEST_P(PlantedAttempt, FirstAttemptNamesItsBound) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenes, PlantedAttempt, ::testing::ValuesIn(kScenes),
-                         [](const ::testing::TestParamInfo<Scene> &p) { return std::string(p.param.name); });
+                         [](const ::testing::TestParamInfo<Scene> &p) {
+                           return std::string(p.param.name);
+                         });
 
 TEST(CaliAttempts, StillPhoneNeverFillsABatchAndSaysWhy) {
   Scene s{"Still", nullptr, 0, 0, 1, CaliMethod::kBall, CaliBound::kNone, ""};
@@ -211,9 +215,8 @@ TEST(CaliAttempts, StillPhoneNeverFillsABatchAndSaysWhy) {
 TEST(CaliAttempts, FlatWalkRefusalsMatchTheLoggedValues) {
   std::vector<Event> events;
   std::string error;
-  ASSERT_TRUE(qvn_tools::ReadEventCsv(std::string(QVN_SOURCE_DIR) + "/data/phone_walk_flat/events.csv",
-                                      &events, &error))
-      << error;
+  std::string path = std::string(QVN_SOURCE_DIR) + "/data/phone_walk_flat/events.csv";
+  ASSERT_TRUE(qvn_tools::ReadEventCsv(path, &events, &error)) << error;
   qvn_tools::RouteLibraryLog(ANDROID_LOG_SILENT);
   qvn_tools::Library lib;
   qvn_tools::SysfsFolder folder;
@@ -249,6 +252,42 @@ TEST(CaliAttempts, FlatWalkRefusalsMatchTheLoggedValues) {
   for (size_t i = 1; i < rows.size(); ++i)
     moves += std::memcmp(&rows[i].cal.bias_x, &rows[i - 1].cal.bias_x, 3 * sizeof(float)) != 0;
   EXPECT_EQ(static_cast<size_t>(adopted), moves);
+}
+
+}  // namespace
+
+namespace {
+
+// Coverage cells have equal areas: evenly spread directions fill them evenly,
+// and a phone turned only about its vertical sweeps a band of them.
+TEST(CaliGeometry, CoverageCellsHaveEqualAreas) {
+  std::vector<int> count(qvn_tools::kCoverageCells, 0);
+  const int n = 72000;
+  for (const auto &p : qvn_test::FibonacciSphere(n))
+    count[static_cast<size_t>(qvn_tools::CoverageCell({p.x, p.y, p.z}))]++;
+  const double per_cell = static_cast<double>(n) / qvn_tools::kCoverageCells;
+  for (int c : count) EXPECT_NEAR(c, per_cell, 0.05 * per_cell);
+  std::vector<V3> ring;
+  for (int i = 0; i < 360; ++i)
+    ring.push_back({40 * std::cos(0.01745 * i), 40 * std::sin(0.01745 * i), 5});
+  EXPECT_NEAR(qvn_tools::Coverage(ring, {0, 0, 0}), 12.0 / qvn_tools::kCoverageCells, 1e-9);
+  EXPECT_EQ(qvn_tools::CoverageCell({0, 0, 0}), -1);
+}
+
+// The batch sphere is fitted far from the origin (raw fields reach 400 uT)
+// without losing the centre, and refuses a flat ring.
+TEST(CaliGeometry, SphereFitFarFromTheOrigin) {
+  std::vector<V3> pts = Shell(300, 47, {61, -53, 410});
+  qvn_tools::SphereFit f = qvn_tools::FitSphere(pts);
+  ASSERT_TRUE(f.ok);
+  EXPECT_NEAR(f.centre.x, 61, 1e-6);
+  EXPECT_NEAR(f.centre.z, 410, 1e-6);
+  EXPECT_NEAR(f.radius, 47, 1e-6);
+  EXPECT_LT(f.residual_rms, 1e-6);
+  std::vector<V3> ring;
+  for (int i = 0; i < 100; ++i)
+    ring.push_back({61 + 47 * std::cos(0.0628 * i), -53 + 47 * std::sin(0.0628 * i), 410});
+  EXPECT_FALSE(qvn_tools::FitSphere(ring).ok);
 }
 
 }  // namespace

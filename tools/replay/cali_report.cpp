@@ -202,8 +202,8 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
   std::string methods;
   for (int m = 0; m < 4; ++m) {
     if (by_method[m] == 0) continue;
-    Append(&methods, "%s%s %zu", methods.empty() ? "" : ", ", MethodName(static_cast<CaliMethod>(m)),
-           by_method[m]);
+    Append(&methods, "%s%s %zu", methods.empty() ? "" : ", ",
+           MethodName(static_cast<CaliMethod>(m)), by_method[m]);
   }
   std::fprintf(out, "%-20s%zu", "fit attempts", att.size());
   if (!att.empty()) {

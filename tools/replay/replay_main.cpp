@@ -135,7 +135,8 @@ int main(int argc, char **argv) {
   OffsetReference reference;
   if (!o.reference_events.empty()) {
     std::vector<Event> cal_events;
-    if (!ReadEventCsv(o.reference_events, &cal_events, &error)) return ReplayFail(kExitUsage, error);
+    if (!ReadEventCsv(o.reference_events, &cal_events, &error))
+      return ReplayFail(kExitUsage, error);
     reference = FitReference(cal_events, frame, o.reference_events);
   } else {
     reference = FitReference(events, frame, "this recording");
