@@ -272,8 +272,16 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
       std::fprintf(out, "%-20s%s%.0f%% at the end (%d equal-area cells about the reference)\n",
                    "coverage", marks.c_str(), 100 * q.back().coverage, kCoverageCells);
       Level3Quality l3 = QualityAtLevel3(rows, q);
-      std::fprintf(out, "%-20s%.2f uT from the reference at the end", "offset in force",
-                   q.back().distance);
+      std::string dist;
+      for (double m : kCoverageMarks) {
+        for (size_t i = 0; i < rows.size(); ++i) {
+          if (Seconds(rows[i].t_ns, t0) < m) continue;
+          Append(&dist, "%.2f uT at +%.0f s, ", q[i].distance, m);
+          break;
+        }
+      }
+      std::fprintf(out, "%-20s%s%.2f uT at the end from the reference", "offset in force",
+                   dist.c_str(), q.back().distance);
       if (l3.at3 > 0) {
         std::fprintf(out, "; median %.2f uT, largest %.2f uT over the time at accuracy 3",
                      l3.median, l3.largest);
