@@ -5,6 +5,7 @@
 #ifndef QVNLIB_TOOLS_REPLAY_CALI_REPORT_H
 #define QVNLIB_TOOLS_REPLAY_CALI_REPORT_H
 
+#include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -64,7 +65,7 @@ struct CaliReportInput {
 // Per step: cumulative coverage about the reference centre, distance of the
 // offset in force from the reference (NaN without one).
 struct StepQuality {
-  double coverage = 0;
+  double coverage = NAN;
   double distance = NAN;
 };
 std::vector<StepQuality> StepQualities(const CaliReportInput &in);
