@@ -141,7 +141,7 @@ const Scene kScenes[] = {
          v.push_back({30 + 45 * std::cos(0.0628 * i), -20 + 45 * std::sin(0.0628 * i), 0});
        return v;
      },
-     0, 0, 1, CaliMethod::kBall, CaliBound::kSphereFit, "sphere fit failed"},
+     0, 0, 1, CaliMethod::kBall, CaliBound::kSphereFit, "sphere fit failed (its single"},
     // Interference periods fit with the oval method, which also fits a matrix.
     {"EllipsoidMatrixOutOfBounds",
      [] {

@@ -366,7 +366,9 @@ void AttemptDecoder::Decode(const CaliSnapshot &b, const CaliSnapshot &a, int64_
     at.why = Format("the sphere's radius %.1f uT is outside %.0f..%.0f uT", at.radius,
                     double{l.radius_min}, double{l.radius_max});
   } else if (at.bound == CaliBound::kSphereFit) {
-    at.why = "the sphere fit failed: the samples do not span three dimensions";
+    at.why = "the library's sphere fit failed (its single-precision normal equations were "
+             "singular or gave no real radius)";
+    if (at.fitted) at.why += Format("; in double precision this batch gives r %.1f uT", at.radius);
   } else if (at.bound == CaliBound::kEllipsoidFit) {
     at.why = "the ellipsoid fit failed: the samples do not pin down an ellipsoid";
   } else if (at.bound == CaliBound::kEmptyBatch) {
