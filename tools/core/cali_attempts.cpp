@@ -270,7 +270,9 @@ void AttemptDecoder::Decode(const CaliSnapshot &b, const CaliSnapshot &a, int64_
       k_d = 0;
       for (double ri : r) k_d += std::fabs(ri - mean_d) > a.limits.radius_wide;
     }
-    at.coverage = Coverage(pts, has_reference_ ? reference_ : at.centre);
+    // Without a reference and without a sphere there is no centre to look from.
+    at.coverage = has_reference_ ? Coverage(pts, reference_)
+                                 : (at.fitted ? Coverage(pts, at.centre) : NAN);
   }
   at.level = a.attempt_level;
   at.accuracy_before = b.accuracy;
