@@ -149,8 +149,12 @@ OffsetReference FitReference(const std::vector<Event> &events, const LibraryFram
   std::vector<V3> pts;
   for (const Event &e : events) {
     if (e.sensor != Sensor::kMag) continue;
-    raw.push_back({e.t_ns, e.x, e.y, e.z});
-    pts.push_back(frame.FromSensor({e.x, e.y, e.z}));
+    // Fitted in the library's frame (after its fixed device matrix), where its
+    // own model is a sphere: the reference then measures what the library
+    // estimates, whatever the device matrix does to the raw cloud.
+    V3 m = frame.FromSensor({e.x, e.y, e.z});
+    raw.push_back({e.t_ns, m.x, m.y, m.z});
+    pts.push_back(m);
   }
   ref.samples = raw.size();
   if (raw.empty()) {
@@ -161,10 +165,8 @@ OffsetReference FitReference(const std::vector<Event> &events, const LibraryFram
   ref.ok = fit.ok;
   ref.error = fit.error;
   if (!fit.ok) return ref;
-  ref.centre_sensor = {fit.offset[0], fit.offset[1], fit.offset[2]};
-  // The library subtracts its offset after its fixed matrix: the same point
-  // in its frame (the map is linear).
-  ref.centre = frame.FromSensor(ref.centre_sensor);
+  ref.centre = {fit.offset[0], fit.offset[1], fit.offset[2]};
+  ref.centre_sensor = frame.ToSensor(ref.centre);
   ref.sigma = {fit.offset_sigma[0], fit.offset_sigma[1], fit.offset_sigma[2]};
   ref.radius = fit.radius;
   ref.residual_rms = fit.residual_rms;

@@ -42,14 +42,14 @@ struct OffsetReference {
   std::string error;       // why there is none
   V3 centre{0, 0, 0};      // offset in the library frame
   V3 centre_sensor{0, 0, 0};
-  V3 sigma{0, 0, 0};       // 1 sigma of the offset, sensor frame
+  V3 sigma{0, 0, 0};       // 1 sigma of the offset
   double radius = 0, residual_rms = 0;
   bool soft_iron = false;  // a soft-iron matrix was fitted too (else a sphere)
   size_t samples = 0, inliers = 0;
   double coverage = 0;     // of the samples, about the centre
 };
 
-// Reference calibration of the magnetometer events.
+// Reference calibration of the magnetometer events, in the library frame.
 OffsetReference FitReference(const std::vector<Event> &events, const LibraryFrame &frame,
                              const std::string &source);
 
