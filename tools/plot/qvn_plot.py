@@ -19,25 +19,30 @@ import os
 import sys
 
 HERE = os.path.dirname(os.path.realpath(__file__))
-# Where qvnlib.plots is found: an installed package first, then beside this
-# script in the source tree (tools/plot -> python/), the build tree
-# (<build>/tools/python) and an installation (<prefix>/share/qvnlib/python).
+# Where the figures' module is found: beside this script in the source tree
+# (tools/plot -> python/), the build tree (<build>/tools/python), an
+# installation (<prefix>/share/qvnlib/python), then an installed package. It
+# is loaded as a file: it needs numpy, pandas and matplotlib only, not the
+# package's compiled part.
 CANDIDATES = [os.path.join(HERE, "..", "..", "python"), os.path.join(HERE, "python"),
               os.path.join(HERE, "..", "share", "qvnlib", "python")]
 
 
 def import_plots():
+    import importlib.util
+
+    for c in CANDIDATES:
+        path = os.path.join(c, "qvnlib", "plots.py")
+        if os.path.isfile(path):
+            spec = importlib.util.spec_from_file_location("qvnlib_plots", path)
+            module = importlib.util.module_from_spec(spec)
+            spec.loader.exec_module(module)
+            return module
     try:
         import qvnlib.plots as plots
         return plots
-    except ImportError:
-        pass
-    for c in CANDIDATES:
-        if os.path.isfile(os.path.join(c, "qvnlib", "plots.py")):
-            sys.path.insert(0, os.path.realpath(c))
-            import qvnlib.plots as plots
-            return plots
-    raise ImportError("qvnlib.plots not found (looked in " + ", ".join(CANDIDATES) + ")")
+    except ImportError as e:
+        raise ImportError(f"qvnlib.plots not found (looked in {', '.join(CANDIDATES)}): {e}")
 
 
 def read_csv(path, required, what, only_required=False, may_be_empty=False):
