@@ -4,6 +4,7 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -17,6 +18,7 @@
 #include "replay/replay_loop.h"
 #include "replay/sysfs_folder.h"
 #include "support/synthetic.h"
+#include "support/tool_run.h"
 
 namespace {
 
@@ -288,6 +290,47 @@ TEST(CaliGeometry, SphereFitFarFromTheOrigin) {
   for (int i = 0; i < 100; ++i)
     ring.push_back({61 + 47 * std::cos(0.0628 * i), -53 + 47 * std::sin(0.0628 * i), 410});
   EXPECT_FALSE(qvn_tools::FitSphere(ring).ok);
+}
+
+}  // namespace
+
+namespace {
+
+class CaliReportTool : public qvn_test::ToolDir {};
+
+std::string LineOf(const std::string &text, const std::string &label) {
+  size_t at = text.find("\n" + label);
+  if (at == std::string::npos) return "";
+  return text.substr(at + 1, text.find('\n', at + 1) - at - 1);
+}
+
+size_t CountLines(const std::string &text) {
+  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+// A known offset, walked and swung after one figure eight: the reference is
+// fitted in the library's frame, where the device matrix is undone, so it
+// lands on the true offset (2 uT off when fitted to the raw cloud), and the
+// library's offset stays within tolerance.
+TEST_F(CaliReportTool, ReferenceFindsAKnownOffsetAndTheFilesHoldEveryStep) {
+  std::string sim = Path("sim");
+  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + sim +
+                                        " --seed 4 --offset 35,-61.5,18 --motion "
+                                        "still:2,figure8:20,walk:60,swing:60").code,
+            0);
+  qvn_test::ToolRun r = Exec(QVN_REPLAY_TOOL, "--no-lag --out " + Path("steps.csv") + " --attempts-out " +
+                                        Path("attempts.csv") + " --quality-out " +
+                                        Path("quality.csv") + " " + sim + "/events.csv");
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::string error_line = LineOf(r.out, "  reference error");
+  ASSERT_FALSE(error_line.empty()) << r.out;
+  EXPECT_LT(std::stod(error_line.substr(20)), 0.2) << error_line;
+  EXPECT_EQ(LineOf(r.out, "verdict").find("verdict             calibrated at"), 0u) << r.out;
+  EXPECT_NE(LineOf(r.out, "offset quality").find("0.0 s (0%)"), std::string::npos) << r.out;
+  EXPECT_EQ(CountLines(Slurp(Path("quality.csv"))), CountLines(Slurp(Path("steps.csv"))));
+  std::string attempts = Slurp(Path("attempts.csv"));
+  EXPECT_GT(CountLines(attempts), 1u);
+  EXPECT_NE(attempts.find(",ball,"), std::string::npos);
 }
 
 }  // namespace
