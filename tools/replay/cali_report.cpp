@@ -340,6 +340,44 @@ void PrintCaliVerdict(const CaliReportInput &in, FILE *out) {
   std::fprintf(out, "%-20s%s\n", "verdict", v.c_str());
 }
 
+void CaliTracking::Attach(const Library &lib, const std::vector<Event> &events,
+                          const std::vector<Event> *reference_events,
+                          const std::string &reference_label, ReplayConfig *config,
+                          std::string *warning) {
+  frame_.Read(lib);
+  // Fitted before the replay, so that each batch's coverage is measured about it.
+  reference_ = reference_events != nullptr
+                   ? FitReference(*reference_events, frame_, reference_label)
+                   : FitReference(events, frame_, "this recording");
+  // The lookup runs in the constructor only.
+  decoder_ =
+      std::make_unique<AttemptDecoder>([&lib](const char *name) { return lib.Symbol(name); });
+  if (!decoder_->ok()) {
+    *warning = "calibration attempts not decoded: the library does not export " +
+               decoder_->missing();
+    return;
+  }
+  if (reference_.ok) decoder_->SetReferenceCentre(reference_.centre);
+  AttemptDecoder *d = decoder_.get();
+  config->before_cali = [d]() { d->BeforeStep(); };
+  config->after_cali = [d](const StepRow &row) { d->AfterStep(row.t_ns); };
+}
+
+const CaliReportInput *CaliTracking::Finish(const std::vector<StepRow> &rows, int64_t t0_ns,
+                                            const double *true_offset) {
+  if (!decoder_ || !decoder_->ok()) return nullptr;
+  input_.rows = &rows;
+  input_.decoder = decoder_.get();
+  input_.reference = &reference_;
+  input_.frame = &frame_;
+  input_.t0_ns = t0_ns;
+  if (true_offset != nullptr) {
+    std::memcpy(true_offset_, true_offset, sizeof true_offset_);
+    input_.true_offset = true_offset_;
+  }
+  return &input_;
+}
+
 bool WriteAttemptsCsv(const std::string &path, const CaliReportInput &in, std::string *error) {
   std::string s =
       "t_ns,t_s,method,samples,centre_x,centre_y,centre_z,radius,centre_sensor_x,"

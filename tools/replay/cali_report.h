@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -74,6 +75,30 @@ std::vector<StepQuality> StepQualities(const CaliReportInput &in);
 void PrintCaliReport(const CaliReportInput &in, FILE *out);
 // The closing sentence: calibrated at t (how), or never calibrated because.
 void PrintCaliVerdict(const CaliReportInput &in, FILE *out);
+
+// Everything above for one replay, attached to its loop: reads the library's
+// frame, fits the reference (on reference_events, or on the replayed events
+// when that is empty), hooks the decoder around every calibration step, and
+// after the replay hands PrintSummary and the CSV writers their input.
+class CaliTracking {
+ public:
+  // Call after initialisation, before RunReplay. *warning is set when the
+  // library lacks a name the decoder reads (attempts are then not decoded).
+  void Attach(const Library &lib, const std::vector<Event> &events,
+              const std::vector<Event> *reference_events, const std::string &reference_label,
+              ReplayConfig *config, std::string *warning);
+  // After RunReplay; the rows must outlive the input. true_offset: the
+  // simulator's, sensor frame (may be null).
+  const CaliReportInput *Finish(const std::vector<StepRow> &rows, int64_t t0_ns,
+                                const double *true_offset);
+
+ private:
+  LibraryFrame frame_;
+  OffsetReference reference_;
+  std::unique_ptr<AttemptDecoder> decoder_;
+  CaliReportInput input_;
+  double true_offset_[3] = {0, 0, 0};
+};
 
 // attempts.csv: one row per attempt. quality.csv: one row per step with the
 // batch count, coverage, distance, and the reference in both frames.

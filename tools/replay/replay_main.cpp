@@ -127,40 +127,26 @@ int main(int argc, char **argv) {
     return 0;
   }
 
-  // Calibration attempts are decoded from the library's exported state around
-  // every step; the offset reference is fitted beforehand, so that each
-  // batch's coverage is measured about it.
-  LibraryFrame frame;
-  frame.Read(lib);
-  OffsetReference reference;
-  if (!o.reference_events.empty()) {
-    std::vector<Event> cal_events;
-    if (!ReadEventCsv(o.reference_events, &cal_events, &error))
-      return ReplayFail(kExitUsage, error);
-    reference = FitReference(cal_events, frame, o.reference_events);
-  } else {
-    reference = FitReference(events, frame, "this recording");
-  }
-  AttemptDecoder decoder([&lib](const char *name) { return lib.Symbol(name); });
-  if (!decoder.ok()) {
-    std::fprintf(stderr, "qvn_replay: warning: calibration attempts not decoded: the library "
-                         "does not export %s\n", decoder.missing().c_str());
-  }
-  if (reference.ok) decoder.SetReferenceCentre(reference.centre);
+  // Calibration attempts, decoded from the library's exported state around
+  // every step, and the offset reference.
+  std::vector<Event> reference_events;
+  if (!o.reference_events.empty() && !ReadEventCsv(o.reference_events, &reference_events, &error))
+    return ReplayFail(kExitUsage, error);
+  CaliTracking cali;
+  ReplayConfig config;
+  std::string warning;
+  cali.Attach(lib, events, o.reference_events.empty() ? nullptr : &reference_events,
+              o.reference_events, &config, &warning);
+  if (!warning.empty()) std::fprintf(stderr, "qvn_replay: warning: %s\n", warning.c_str());
 
   WarnAboutInput(o.events, events, o.hw_gyro, o.skip_early_gyro, stderr);
   SummaryInput sum;
   api.QVN_CaliApiGetOffset(sum.initial_offset);
-  ReplayConfig config;
   config.skip_early_gyro = o.skip_early_gyro;
   config.reinit_on_nan = o.reinit_on_nan;
   config.reinitialise = initialise;
   config.progress = isatty(STDERR_FILENO) && events.size() >= kProgressMinEvents &&
                     o.log_priority == ANDROID_LOG_SILENT;
-  if (decoder.ok()) {
-    config.before_cali = [&decoder]() { decoder.BeforeStep(); };
-    config.after_cali = [&decoder](const StepRow &row) { decoder.AfterStep(row.t_ns); };
-  }
   config.on_current = [&folder](int64_t current, std::string *why) {
     return folder.SetCurrent(current, why);
   };
@@ -169,20 +155,16 @@ int main(int argc, char **argv) {
     return ReplayFail(kExitRuntime, error);
   if (!o.out.empty() && !WriteStepCsv(o.out, rows, &error)) return ReplayFail(kExitRuntime, error);
 
-  CaliReportInput cali;
-  cali.rows = &rows;
-  cali.decoder = &decoder;
-  cali.reference = &reference;
-  cali.frame = &frame;
-  cali.t0_ns = events.empty() ? 0 : events.front().t_ns;
   double true_offset[3];
-  if (!o.truth.empty() && truth.HasOffset()) {
-    for (int k = 0; k < 3; ++k) true_offset[k] = (*truth.Get("offset_uT"))[k];
-    cali.true_offset = true_offset;
-  }
-  if (!o.attempts_out.empty() && !WriteAttemptsCsv(o.attempts_out, cali, &error))
+  bool has_true_offset = !o.truth.empty() && truth.HasOffset();
+  for (int k = 0; k < 3 && has_true_offset; ++k) true_offset[k] = (*truth.Get("offset_uT"))[k];
+  const CaliReportInput *report = cali.Finish(
+      rows, events.empty() ? 0 : events.front().t_ns, has_true_offset ? true_offset : nullptr);
+  if (report != nullptr && !o.attempts_out.empty() &&
+      !WriteAttemptsCsv(o.attempts_out, *report, &error))
     return ReplayFail(kExitRuntime, error);
-  if (!o.quality_out.empty() && !WriteQualityCsv(o.quality_out, cali, &error))
+  if (report != nullptr && !o.quality_out.empty() &&
+      !WriteQualityCsv(o.quality_out, *report, &error))
     return ReplayFail(kExitRuntime, error);
 
   AccuracyReport accuracy;
@@ -210,7 +192,7 @@ int main(int argc, char **argv) {
     sum.gt_path = o.gt;
     sum.truth = o.truth.empty() ? nullptr : &truth;
     sum.truth_path = o.truth;
-    sum.cali = decoder.ok() ? &cali : nullptr;
+    sum.cali = report;
     PrintSummary(sum, stdout);
   }
   return 0;
