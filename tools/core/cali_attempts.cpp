@@ -99,7 +99,7 @@ struct AttemptDecoder::Vars {
   const int16_t *interference, *rate;
   const uint16_t *hold, *logging;
   const float *offset, *rad_ratio, *batch, *field_range, *radius_max, *radius_min, *radius_wide;
-  const float *out_rate, *spacing;
+  const float *out_rate, *spacing, *interference_threshold;
   const float *sfi_max[6], *sfi_min[6];
 };
 
@@ -137,6 +137,7 @@ AttemptDecoder::AttemptDecoder(const SymbolLookup &lookup) {
   v->radius_wide = f32("mag_radius_wide");
   v->out_rate = f32("mag_radius_out_rate");
   v->spacing = f32("dsc_mag_distance");
+  v->interference_threshold = f32("k7q_interference_threshold");
   for (int e = 0; e < 6; ++e) {
     v->sfi_max[e] = f32(("sfi_" + std::string(kElementNames[e]) + "_threshold_max").c_str());
     v->sfi_min[e] = f32(("sfi_" + std::string(kElementNames[e]) + "_threshold_min").c_str());
@@ -175,6 +176,7 @@ CaliSnapshot AttemptDecoder::Read() const {
   l.radius_wide = *v.radius_wide;
   l.out_rate = *v.out_rate;
   l.spacing = *v.spacing;
+  l.interference_threshold = *v.interference_threshold;
   for (int e = 0; e < 6; ++e) l.sfi_max[e] = *v.sfi_max[e], l.sfi_min[e] = *v.sfi_min[e];
   return s;
 }
@@ -204,6 +206,7 @@ void AttemptDecoder::AfterStep(int64_t t_ns) {
   }
   stats_.batch_size = after.batch_size;
   stats_.spacing = after.limits.spacing;
+  stats_.interference_threshold = after.limits.interference_threshold;
   fills_.push_back(after.batch_count);
   last_t_ = t_ns;
   have_last_t_ = true;
@@ -212,12 +215,21 @@ void AttemptDecoder::AfterStep(int64_t t_ns) {
 
 void AttemptDecoder::Decode(const CaliSnapshot &b, const CaliSnapshot &a, int64_t t_ns) {
   if (a.interference > b.interference) stats_.interference_periods++;
-  if (a.hold != 0) {  // a disturbance is being waited out: the methods did not run
+  if (a.hold != 0) {  // a hold is being waited out: the methods did not run
+    // A hold (re)starts at its full length; a rate change starts a
+    // two-second one too, which is no disturbance.
+    if (b.hold == 0 || a.hold > b.hold) hold_from_disturbance_ = a.rate == b.rate && step_ > 0;
     stats_.hold_steps++;
-    if (have_last_t_ && t_ns > last_t_) stats_.hold_ns += t_ns - last_t_;
+    if (have_last_t_ && t_ns > last_t_) {
+      stats_.hold_ns += t_ns - last_t_;
+      if (hold_from_disturbance_) stats_.disturbance_hold_ns += t_ns - last_t_;
+    }
     return;
   }
-  if (b.interference > 0) stats_.interference_steps++;
+  if (b.interference > 0) {
+    stats_.interference_steps++;
+    if (have_last_t_ && t_ns > last_t_) stats_.interference_ns += t_ns - last_t_;
+  }
   CaliMethod method = a.mode == 0 ? CaliMethod::kOval
                                   : (a.mode == 1 ? CaliMethod::kGyro
                                                  : (a.mode == 2 ? CaliMethod::kBall
@@ -427,6 +439,14 @@ std::string CalibrationVerdict(const std::vector<CaliAttempt> &attempts,
     if (a.adopted && a.first_offset && first_offset == nullptr) first_offset = &a;
     if (a.adopted && !a.first_offset && first == nullptr) first = &a;
   }
+  std::string interference;
+  if (stats.interference_periods > 0) {
+    interference = Format(" A raw axis above %.0f uT during a hold started %zu interference "
+                          "period%s: %.0f s fitted by the interference method.",
+                          double{stats.interference_threshold}, stats.interference_periods,
+                          stats.interference_periods == 1 ? "" : "s",
+                          static_cast<double>(stats.interference_ns) / kNsPerS);
+  }
   if (first != nullptr) {
     size_t before = 0;
     for (const CaliAttempt &a : attempts) before += (&a < first && !a.passed);
@@ -438,7 +458,7 @@ std::string CalibrationVerdict(const std::vector<CaliAttempt> &attempts,
                   refused - before == 1 ? "" : "s");
     }
     if (refused > 0) s += " (" + RefusalCounts(attempts) + ")";
-    return s + ".";
+    return s + "." + interference;
   }
   std::string s = "never calibrated: ";
   if (attempts.empty()) {
@@ -453,9 +473,9 @@ std::string CalibrationVerdict(const std::vector<CaliAttempt> &attempts,
     if (stats.emptied > 0)
       s += Format("; the batch was emptied %zu time%s after too many refusals in a row",
                   stats.emptied, stats.emptied == 1 ? "" : "s");
-    if (stats.hold_steps > 0)
-      s += Format("; %zu samples (%.1f s) fell in interference holds", stats.hold_steps,
-                  static_cast<double>(stats.hold_ns) / kNsPerS);
+    if (stats.disturbance_hold_ns > 0)
+      s += Format("; %.1f s were spent waiting out magnetic disturbances",
+                  static_cast<double>(stats.disturbance_hold_ns) / kNsPerS);
     return s + ".";
   }
   s += Format("%zu fits attempted, none passed (%s)", attempts.size(),
@@ -464,7 +484,7 @@ std::string CalibrationVerdict(const std::vector<CaliAttempt> &attempts,
     s += Format("; a first offset was taken from a sphere at +%.1f s (level 1 only)",
                 secs(first_offset->t_ns));
   }
-  return s + ".";
+  return s + "." + interference;
 }
 
 }  // namespace qvn_tools

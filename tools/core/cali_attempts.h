@@ -64,6 +64,7 @@ const char *BoundKey(CaliBound b);
 struct CaliLimits {
   float field_range = 0;
   float spacing = 0;  // dsc_mag_distance
+  float interference_threshold = 0;  // k7q_interference_threshold, per raw axis, uT
   float radius_max = 0, radius_min = 0, radius_wide = 0, out_rate = 0;
   float sfi_max[6] = {}, sfi_min[6] = {};  // xx yy zz yx zx zy
 };
@@ -116,10 +117,13 @@ struct CaliAttempt {
 // Why samples did not make batches, over the whole replay.
 struct CollectionStats {
   size_t steps = 0;
-  size_t hold_steps = 0;          // interference hold: no fitting
+  size_t hold_steps = 0;          // holds: no fitting
   int64_t hold_ns = 0;
+  int64_t disturbance_hold_ns = 0;  // the part started by a disturbance, not a rate change
   size_t interference_steps = 0;  // within an interference period (oval method)
   size_t interference_periods = 0;
+  int64_t interference_ns = 0;
+  float interference_threshold = 0;
   size_t repeated_time = 0;       // same timestamp as the step before: skipped
   size_t admitted = 0;            // samples stored in the batch
   size_t too_close = 0;           // samples refused by the distance test
@@ -168,6 +172,7 @@ class AttemptDecoder {
   bool has_reference_ = false;
   V3 reference_{0, 0, 0};
   size_t step_ = 0;
+  bool hold_from_disturbance_ = false;
   int64_t last_t_ = 0;
   bool have_last_t_ = false;
   std::vector<CaliAttempt> attempts_;

@@ -229,12 +229,15 @@ void PrintCaliReport(const CaliReportInput &in, FILE *out) {
                "samples", st.admitted, st.too_close, st.batch_size, st.emptied, Plural(st.emptied),
                st.level_clears);
   if (st.hold_steps > 0 || st.interference_periods > 0) {
-    std::fprintf(out, "%-20s%.1f s in holds (no fitting), %zu period%s (%zu samples) with the "
-                      "interference method\n",
-                 "interference", static_cast<double>(st.hold_ns) / kNsPerS,
-                 st.interference_periods, Plural(st.interference_periods), st.interference_steps);
+    double hold = static_cast<double>(st.hold_ns) / kNsPerS;
+    double disturbed = static_cast<double>(st.disturbance_hold_ns) / kNsPerS;
+    std::fprintf(out,
+                 "%-20s%.1f s without fitting (%.1f s after rate changes, %.1f s waiting out "
+                 "disturbances); %zu interference period%s (%zu samples fitted by the "
+                 "interference method)\n",
+                 "holds", hold, hold - disturbed, disturbed, st.interference_periods,
+                 Plural(st.interference_periods), st.interference_steps);
   }
-
   const OffsetReference *ref = in.reference;
   std::vector<StepQuality> q = StepQualities(in);
   if (ref != nullptr && ref->ok) {
