@@ -161,7 +161,8 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
   CaliTracking cali;
   ReplayConfig config;
   std::string cali_warning;
-  cali.Attach(lib_, events, rq.reference_events, rq.reference_label, &config, &cali_warning);
+  // The reference comes from the whole recording, as qvn_replay fits it.
+  cali.Attach(lib_, *rq.events, rq.reference_events, rq.reference_label, &config, &cali_warning);
   if (!cali_warning.empty()) out->warnings.push_back("qvn_replay: warning: " + cali_warning);
   SummaryInput sum;
   api.QVN_CaliApiGetOffset(sum.initial_offset);
@@ -179,8 +180,7 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
   bool has_true_offset = rq.calibration != nullptr && rq.calibration->HasOffset();
   for (int k = 0; k < 3 && has_true_offset; ++k)
     true_offset[k] = (*rq.calibration->Get("offset_uT"))[k];
-  const CaliReportInput *report =
-      cali.Finish(out->rows, out->t0_ns, has_true_offset ? true_offset : nullptr);
+  const CaliReportInput *report = cali.Finish(out->t0_ns, has_true_offset ? true_offset : nullptr);
   if (report != nullptr) {
     out->attempts = report->decoder->attempts();
     out->collection = report->decoder->stats();

@@ -45,7 +45,7 @@ def import_plots():
         raise ImportError(f"qvnlib.plots not found (looked in {', '.join(CANDIDATES)}): {e}")
 
 
-def read_csv(path, required, what, only_required=False, may_be_empty=False):
+def read_csv(path, required, what, only_required=False, may_be_empty=False, complete=False):
     import numpy as np
     import pandas as pd
 
@@ -63,6 +63,11 @@ def read_csv(path, required, what, only_required=False, may_be_empty=False):
         raise ValueError(f"{path}: {e}")
     if len(df) == 0 and not may_be_empty:
         raise ValueError(f"{path}: no rows")
+    if complete and len(df):
+        # Every value present: a short row would be read as missing values.
+        bad = df[required].isna().any(axis=1).to_numpy()
+        if bad.any():
+            raise ValueError(f"{path}:{int(np.argmax(bad)) + 2}: expected {','.join(required)} numbers")
     numeric = df.select_dtypes(exclude="number").columns.intersection(required)
     if len(df) and len(numeric):
         raise ValueError(f"{path}: column {numeric[0]} is not all numbers")
@@ -121,24 +126,42 @@ def main(argv):
             errors = errors.astype({c: "float32" for c in errors.columns if c != "t_s"})
         gt = args.gt or (beside(args.events, "gt.csv") if args.events else None)
         if gt and steps is not None:
-            truth = read_csv(gt, ["t_ns", "qw", "qx", "qy", "qz"], "a ground-truth file")
+            truth = read_csv(gt, ["t_ns", "qw", "qx", "qy", "qz"], "a ground-truth file",
+                             complete=True)
     except (ValueError, ImportError) as e:
         print(f"qvn_plot: {e}", file=sys.stderr)
         return 2
-    os.makedirs(args.out_dir, exist_ok=True)
     window = dict(t_from=args.t_from, t_to=args.t_to)
-    figures = []
+    names = []
     if steps is not None:
-        figures += [("field_clouds.png", plots.field_clouds(steps, attempts, quality, **window)),
-                    ("field_accuracy.png", plots.calibration_timeline(steps, attempts, quality, **window)),
-                    ("orientation.png", plots.orientation(steps, truth, args.hw_gyro, **window))]
+        names += ["field_clouds.png", "field_accuracy.png", "orientation.png"]
     if errors is not None:
-        figures.append(("errors.png", plots.errors(errors, **window)))
-    for name, fig in figures:
-        out = os.path.join(args.out_dir, name)
-        fig.savefig(out, dpi=plots.DPI)
-        plt.close(fig)
-        print(f"wrote {out}")
+        names.append("errors.png")
+    try:
+        os.makedirs(args.out_dir, exist_ok=True)
+        # Figures replace regular files only: never a device, FIFO or folder.
+        for name in names:
+            path = os.path.join(args.out_dir, name)
+            if os.path.lexists(path) and not os.path.isfile(path):
+                print(f"qvn_plot: {path} is not a regular file", file=sys.stderr)
+                return 1
+        for name in names:
+            if name == "field_clouds.png":
+                fig = plots.field_clouds(steps, attempts, quality, **window)
+            elif name == "field_accuracy.png":
+                fig = plots.calibration_timeline(steps, attempts, quality, **window)
+            elif name == "orientation.png":
+                fig = plots.orientation(steps, truth, args.hw_gyro, **window)
+            else:
+                fig = plots.errors(errors, **window)
+            out = os.path.join(args.out_dir, name)
+            fig.savefig(out, dpi=plots.DPI)
+            plt.close(fig)
+            print(f"wrote {out}")
+    except OSError as e:
+        print(f"qvn_plot: cannot write the figures in {args.out_dir}: {e.strerror or e}",
+              file=sys.stderr)
+        return 1
     return 0
 
 

@@ -31,7 +31,7 @@ constexpr double kReferenceMaxSe = 1.0;
 
 double Seconds(int64_t t, int64_t t0) { return static_cast<double>(t - t0) / kNsPerS; }
 
-V3 Offset(const StepRow &r) { return {r.cal.bias_x, r.cal.bias_y, r.cal.bias_z}; }
+V3 Offset(const CaliStep &r) { return {r.offset[0], r.offset[1], r.offset[2]}; }
 
 // Writes text to path through a temporary file renamed into place.
 bool WriteFile(const std::string &path, const std::string &text, std::string *error) {
@@ -86,11 +86,11 @@ struct Level3Quality {
   double at3 = 0, far3 = 0, median = NAN, largest = NAN;
 };
 
-Level3Quality QualityAtLevel3(const std::vector<StepRow> &rows, const std::vector<StepQuality> &q) {
+Level3Quality QualityAtLevel3(const std::vector<CaliStep> &rows, const std::vector<StepQuality> &q) {
   Level3Quality r;
   std::vector<double> d3;
   for (size_t i = 0; i + 1 < rows.size(); ++i) {
-    if (rows[i].cal.accuracy != 3) continue;
+    if (rows[i].accuracy != 3) continue;
     double dt = Seconds(rows[i + 1].t_ns, rows[i].t_ns);
     r.at3 += dt;
     d3.push_back(q[i].distance);
@@ -177,7 +177,7 @@ OffsetReference FitReference(const std::vector<Event> &events, const LibraryFram
 }
 
 std::vector<StepQuality> StepQualities(const CaliReportInput &in) {
-  const std::vector<StepRow> &rows = *in.rows;
+  const std::vector<CaliStep> &rows = *in.rows;
   std::vector<StepQuality> q(rows.size());
   bool ref = in.reference != nullptr && in.reference->ok;
   DirectionCells cells;
@@ -192,7 +192,7 @@ std::vector<StepQuality> StepQualities(const CaliReportInput &in) {
 }
 
 void PrintCaliReport(const CaliReportInput &in, FILE *out) {
-  const std::vector<StepRow> &rows = *in.rows;
+  const std::vector<CaliStep> &rows = *in.rows;
   const std::vector<CaliAttempt> &att = in.decoder->attempts();
   int64_t t0 = in.t0_ns;
   size_t adopted = 0, passed = 0, by_method[4] = {0, 0, 0, 0};
@@ -362,14 +362,20 @@ void CaliTracking::Attach(const Library &lib, const std::vector<Event> &events,
   }
   if (reference_.ok) decoder_->SetReferenceCentre(reference_.centre);
   AttemptDecoder *d = decoder_.get();
+  std::vector<CaliStep> *steps = &steps_;
   config->before_cali = [d]() { d->BeforeStep(); };
-  config->after_cali = [d](const StepRow &row) { d->AfterStep(row.t_ns); };
+  config->after_cali = [d, steps](const StepRow &row) {
+    d->AfterStep(row.t_ns);
+    steps->push_back({row.t_ns,
+                      {row.raw[0], row.raw[1], row.raw[2]},
+                      {row.cal.bias_x, row.cal.bias_y, row.cal.bias_z},
+                      row.cal.accuracy});
+  };
 }
 
-const CaliReportInput *CaliTracking::Finish(const std::vector<StepRow> &rows, int64_t t0_ns,
-                                            const double *true_offset) {
+const CaliReportInput *CaliTracking::Finish(int64_t t0_ns, const double *true_offset) {
   if (!decoder_ || !decoder_->ok()) return nullptr;
-  input_.rows = &rows;
+  input_.rows = &steps_;
   input_.decoder = decoder_.get();
   input_.reference = &reference_;
   input_.frame = &frame_;
@@ -410,7 +416,7 @@ bool WriteAttemptsCsv(const std::string &path, const CaliReportInput &in, std::s
 }
 
 bool WriteQualityCsv(const std::string &path, const CaliReportInput &in, std::string *error) {
-  const std::vector<StepRow> &rows = *in.rows;
+  const std::vector<CaliStep> &rows = *in.rows;
   const std::vector<int16_t> &fill = in.decoder->batch_counts();
   std::vector<StepQuality> q = StepQualities(in);
   bool ref = in.reference != nullptr && in.reference->ok;

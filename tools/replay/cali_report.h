@@ -54,8 +54,17 @@ struct OffsetReference {
 OffsetReference FitReference(const std::vector<Event> &events, const LibraryFrame &frame,
                              const std::string &source);
 
+// What the report keeps of each calibration step (36 bytes, so a streamed
+// replay of any length keeps little).
+struct CaliStep {
+  int64_t t_ns;
+  float raw[3];     // as handed to the library, sensor frame
+  float offset[3];  // in force after the step, library frame
+  int8_t accuracy;
+};
+
 struct CaliReportInput {
-  const std::vector<StepRow> *rows = nullptr;
+  const std::vector<CaliStep> *rows = nullptr;
   const AttemptDecoder *decoder = nullptr;
   const OffsetReference *reference = nullptr;
   const LibraryFrame *frame = nullptr;
@@ -87,15 +96,14 @@ class CaliTracking {
   void Attach(const Library &lib, const std::vector<Event> &events,
               const std::vector<Event> *reference_events, const std::string &reference_label,
               ReplayConfig *config, std::string *warning);
-  // After RunReplay; the rows must outlive the input. true_offset: the
-  // simulator's, sensor frame (may be null).
-  const CaliReportInput *Finish(const std::vector<StepRow> &rows, int64_t t0_ns,
-                                const double *true_offset);
+  // After the replay. true_offset: the simulator's, sensor frame (may be null).
+  const CaliReportInput *Finish(int64_t t0_ns, const double *true_offset);
 
  private:
   LibraryFrame frame_;
   OffsetReference reference_;
   std::unique_ptr<AttemptDecoder> decoder_;
+  std::vector<CaliStep> steps_;
   CaliReportInput input_;
   double true_offset_[3] = {0, 0, 0};
 };
