@@ -348,7 +348,8 @@ py::dict AttemptColumns(const ReplayOutcome &o) {
     cov.push_back(a.coverage), passed.push_back(a.passed), adopted.push_back(a.adopted);
     first.push_back(a.first_offset), level.push_back(a.level);
     before.push_back(a.accuracy_before), after.push_back(a.accuracy_after);
-    ox.push_back(a.offset_after[0]), oy.push_back(a.offset_after[1]), oz.push_back(a.offset_after[2]);
+    ox.push_back(a.offset_after[0]), oy.push_back(a.offset_after[1]);
+    oz.push_back(a.offset_after[2]);
     osx.push_back(os.x), osy.push_back(os.y), osz.push_back(os.z);
     bound.push_back(qvn_tools::BoundKey(a.bound)), why.push_back(a.why);
   }

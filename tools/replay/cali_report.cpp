@@ -86,7 +86,8 @@ struct Level3Quality {
   double at3 = 0, far3 = 0, median = NAN, largest = NAN;
 };
 
-Level3Quality QualityAtLevel3(const std::vector<CaliStep> &rows, const std::vector<StepQuality> &q) {
+Level3Quality QualityAtLevel3(const std::vector<CaliStep> &rows,
+                             const std::vector<StepQuality> &q) {
   Level3Quality r;
   std::vector<double> d3;
   for (size_t i = 0; i + 1 < rows.size(); ++i) {

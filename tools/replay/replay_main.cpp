@@ -241,8 +241,10 @@ int main(int argc, char **argv) {
   // every step, and the offset reference fitted beforehand.
   std::vector<Event> reference_mag;
   const std::string &reference_file = o.reference_events.empty() ? o.events : o.reference_events;
-  if (!ReadMagEvents(reference_file, o, &reference_mag, &error))
-    return ReplayFail(LoadCode(error), (o.reference_events.empty() ? "" : "--reference-events: ") + error);
+  if (!ReadMagEvents(reference_file, o, &reference_mag, &error)) {
+    const char *what = o.reference_events.empty() ? "" : "--reference-events: ";
+    return ReplayFail(LoadCode(error), what + error);
+  }
   CaliTracking cali;
   ReplayConfig config;
   std::string warning;
