@@ -76,7 +76,13 @@ class LineWriter {
     p_ += n;
   }
   void Put(const Arg &a) {
-    char tmp[kFixed6MaxLen > kIntMaxLen ? kFixed6MaxLen : kIntMaxLen];
+    constexpr size_t kNumberMaxLen = kFixed6MaxLen > kIntMaxLen ? kFixed6MaxLen : kIntMaxLen;
+    if (a.kind != Kind::kString && static_cast<size_t>(end_ - p_) >= kNumberMaxLen) {
+      // Room for any number: written in place (every line of the library).
+      p_ = a.kind == Kind::kFloat ? FormatFixed6(a.f, p_) : FormatInt(a.i, p_);
+      return;
+    }
+    char tmp[kNumberMaxLen];
     const char *s = tmp;
     size_t n = 0;
     switch (a.kind) {
