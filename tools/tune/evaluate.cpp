@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <type_traits>
 
+#include "core/checked.h"
 #include "replay/replay_loop.h"
 
 namespace qvn_tools {
@@ -97,9 +99,11 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
                                        : nullptr;
     if (key == "gt") {
       p.gt_path = value;
-    } else if (d == nullptr || !ParseDouble(value, d)) {
+    } else if (d == nullptr || !ParseDouble(value, d) ||
+               (key == "gt-shift-ms" ? std::fabs(*d) > 1e9 : (*d < 0 || *d > 1e9))) {
       *error = "recording '" + description + "': bad item '" + f[k] +
-               "' (from=S, to=S, score-from=S, score-to=S, gt=FILE, gt-shift-ms=MS, warmup=S)";
+               "' (from=S, to=S, score-from=S, score-to=S, warmup=S with seconds from 0 to "
+               "1e9; gt=FILE; gt-shift-ms=MS within +-1e9)";
       return false;
     }
   }
@@ -115,8 +119,21 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
     *error = "recording '" + description + "': no events in the span";
     return false;
   }
-  if (p.gt_shift_ms != 0) p.truth.Shift(static_cast<int64_t>(p.gt_shift_ms * 1e6));
+  if (p.gt_shift_ms != 0) p.truth.Shift(SaturatingInt64(p.gt_shift_ms * 1e6));
+  if (p.truth.last_ns() < p.events.front().t_ns || p.truth.first_ns() > p.events.back().t_ns) {
+    *error = "recording '" + description + "': its ground truth " + p.gt_path +
+             " does not overlap the replayed events (gt-shift-ms moves the truth)";
+    return false;
+  }
   p.t0_ns = p.events.front().t_ns;
+  int64_t from_ns = 0, to_ns = 0;
+  ScoringWindow(p.file_t0_ns, p.t0_ns, p.warmup_s, p.score_from_s, p.score_to_s, &from_ns, &to_ns);
+  if (from_ns > p.events.back().t_ns || to_ns <= p.t0_ns) {
+    *error = "recording '" + description +
+             "': the scored span lies outside the replayed events (see warmup, score-from, "
+             "score-to)";
+    return false;
+  }
   size_t cut = p.path.rfind('/');
   cut = cut == std::string::npos || cut == 0 ? std::string::npos : p.path.rfind('/', cut - 1);
   p.label = cut == std::string::npos ? p.path : p.path.substr(cut + 1);

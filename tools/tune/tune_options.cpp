@@ -5,49 +5,30 @@
 
 #include <cstdio>
 
+#include "core/cli.h"
 #include "core/event_csv.h"
+#include "core/output_file.h"
 #include "core/set_file.h"
 
 namespace qvn_tools {
 namespace {
 
-const char kHelp[] =
-    "usage: qvn_tune --train REC [--train REC...] [--test REC...] (--preset fusion | --range "
-    "R...)\n"
-    "\n"
+const char kDescription[] =
     "Searches tunable values that lower the heading RMS error of one output on the\n"
     "training recordings while its tilt RMS error stays within a limit, then scores the\n"
     "default and the tuned set on the test recordings, which the search never saw.\n"
     "Each evaluation replays a recording in a child process from the library's load-\n"
     "time state, exactly as qvn_replay does (sets written before and after init).\n"
     "\n"
-    "  REC                 EVENTS.csv[,from=S][,to=S][,gt=FILE][,gt-shift-ms=MS][,warmup=S]\n"
-    "                      a recording or a span of it (seconds from its first event,\n"
-    "                      replayed from a fresh library); gt.csv beside it by default\n"
-    "  --range R           NAME=LO:HI, NAME=LO:HI:log, NAME=LO:HI:int or NAME=V1|V2|...\n"
-    "  --preset fusion     the fusion ranges: weight ramp deltas, normal correction\n"
-    "                      weights, compensation mode, moving average, rotation vector\n"
-    "                      source, soft gyroscope smoothing ratios\n"
-    "  --objective OUT     orientation (default), rv, game_rv, geomag or qfusion\n"
-    "  --max-tilt-rms DEG  tilt limit (default: the default set's tilt RMS + slack)\n"
-    "  --tilt-slack DEG    (default 1)\n"
-    "  --seed N            search seed (default 1)\n"
-    "  --budget N          evaluations after the default set (default 150)\n"
-    "  --time-limit S      stop the search after S seconds (default 600)\n"
-    "  --hw-gyro 0|1, --hwname NAME, --set NAME=VALUE, --set-file FILE, --lib PATH\n"
-    "                      as for qvn_replay; --set values form the base of every set\n"
-    "  --keep-early-gyro   replay gyroscope events before the first magnetometer event\n"
-    "                      (default: dropped, the host order that keeps fusion finite)\n"
-    "  --warmup S          not scored after a part's first event (default 10)\n"
-    "  --out-set FILE      the tuned set for qvn_replay --set-file (default tuned_set.txt)\n"
-    "  --out-c FILE        the same as a C function for the host (default tuned_set.c)\n";
-
-bool Unsigned(const std::string &v, uint64_t *out) {
-  int64_t n = 0;
-  if (!ParseInt64(v, &n) || n < 0) return false;
-  *out = static_cast<uint64_t>(n);
-  return true;
-}
+    "A recording REC is\n"
+    "  EVENTS.csv[,from=S][,to=S][,score-from=S][,score-to=S][,gt=FILE][,gt-shift-ms=MS][,warmup=S]\n"
+    "a recording or a span of it: from/to cut the replayed span (seconds from the\n"
+    "file's first event, replayed from a fresh library); score-from/score-to the\n"
+    "scored span (same clock; default: from warmup after the replayed span's start\n"
+    "to its end); gt.csv beside the events by default.";
+const char kFooter[] =
+    "Exit status: 0 done, 1 the library or a file could not be used, 2 bad options or\n"
+    "bad input (the message names the file, line and value, or the option).";
 
 std::string Mean(const std::vector<PartResult> &parts, int output) {
   double h = 0, t = 0;
@@ -67,61 +48,92 @@ int TuneFail(int code, const std::string &message) {
 int ParseTuneOptions(int argc, char **argv, TuneOptions *o) {
   o->command = "qvn_tune";
   for (int i = 1; i < argc; ++i) o->command += std::string(" ") + argv[i];
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i], v, error;
-    if (a == "--help" || a == "-h") return std::fputs(kHelp, stdout), 0;
-    if (a == "--keep-early-gyro") {
-      o->skip_early_gyro = false;
-      continue;
+  CLI::App app(kDescription, "qvn_tune");
+  SetUpApp(&app, "qvn_tune " QVN_VERSION);
+  app.footer(kFooter);
+  app.add_option("--train", o->train, "a training recording (repeatable; at least one)")
+      ->type_name("REC")
+      ->allow_extra_args(false);
+  app.add_option("--test", o->test, "a test recording, never seen by the search (repeatable)")
+      ->type_name("REC")
+      ->allow_extra_args(false);
+  app.add_option("--range", o->ranges,
+                 "NAME=LO:HI, NAME=LO:HI:log, NAME=LO:HI:int or NAME=V1|V2|... (repeatable)")
+      ->type_name("R")
+      ->allow_extra_args(false);
+  std::string preset, objective = "orientation";
+  app.add_option("--preset", preset,
+                 "fusion: the fusion ranges (weight ramp deltas, normal correction weights, "
+                 "compensation mode, moving average, rotation vector source, soft gyroscope "
+                 "smoothing ratios)")
+      ->type_name("fusion");
+  app.add_option("--objective", objective,
+                 "orientation (default), rv, game_rv, geomag or qfusion")
+      ->type_name("OUT");
+  app.add_option("--max-tilt-rms", o->max_tilt,
+                 "tilt limit (default: the default set's tilt RMS + slack)")
+      ->type_name("DEG")
+      ->check(NumberIn(0, 180, "degrees"));
+  app.add_option("--tilt-slack", o->tilt_slack, "(default 1)")
+      ->type_name("DEG")
+      ->check(NumberIn(0, 180, "degrees"));
+  app.add_option("--seed", o->seed, "search seed (default 1)")
+      ->type_name("N")
+      ->check(IntegerIn(0, INT64_MAX));
+  app.add_option("--budget", o->budget, "evaluations after the default set (default 150)")
+      ->type_name("N")
+      ->check(IntegerIn(0, 1000000));
+  app.add_option("--time-limit", o->time_limit_s, "stop the search after S seconds (default 600)")
+      ->type_name("S")
+      ->check(NumberIn(0.001, 1e7, "seconds"));
+  app.add_option("--warmup", o->warmup_s, "not scored after a part's first event (default 10)")
+      ->type_name("S")
+      ->check(NumberIn(0, 1e9, "seconds"));
+  app.add_option("--hw-gyro", o->hw_gyro, "as for qvn_replay")
+      ->type_name("0|1")
+      ->check(IntegerIn(0, 1));
+  app.add_option("--hwname", o->hwname, "as for qvn_replay")->type_name("NAME");
+  CLI::Option *set = app.add_option("--set", "as for qvn_replay; the base of every set")
+                         ->type_name("NAME=VALUE")
+                         ->allow_extra_args(false)
+                         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  CLI::Option *set_file = app.add_option("--set-file", "as for qvn_replay")
+                              ->type_name("FILE")
+                              ->allow_extra_args(false)
+                              ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--lib", o->lib, "as for qvn_replay")->type_name("PATH");
+  app.add_flag("!--keep-early-gyro", o->skip_early_gyro,
+               "replay gyroscope events before the first magnetometer event (default: dropped, "
+               "the host order that keeps fusion finite)");
+  app.add_option("--out-set", o->out_set,
+                 "the tuned set for qvn_replay --set-file (default tuned_set.txt)")
+      ->type_name("FILE");
+  app.add_option("--out-c", o->out_c, "the same as a C function for the host (default tuned_set.c)")
+      ->type_name("FILE");
+  int code = ParseCommandLine(&app, argc, argv);
+  if (code >= 0) return code;
+  o->hwname_set = app.count("--hwname") > 0;
+  if ((o->objective = ScoredOutputByName(objective)) < 0)
+    return TuneFail(kTuneExitUsage, "bad value " + Quoted(objective) + " for --objective");
+  if (!preset.empty() && preset != "fusion")
+    return TuneFail(kTuneExitUsage, "bad value " + Quoted(preset) + " for --preset (fusion)");
+  if (!preset.empty()) {
+    for (const std::string &r : FusionPreset()) o->ranges.push_back(r);
+  }
+  for (const auto &[which, value] : InOrder(app, {set, set_file})) {
+    std::string error;
+    Assignment s;
+    if (which == 0 && !ParseAssignment(value, &s, &error)) return TuneFail(kTuneExitUsage, "--set: " + error);
+    if (which == 0) o->sets.push_back(s);
+    if (which == 1 && !ReadSetFile(value, &o->sets, &error)) {
+      return TuneFail(error.find(": cannot open") != std::string::npos ? kTuneExitRuntime
+                                                                       : kTuneExitUsage,
+                      "--set-file: " + error);
     }
-    if (a.rfind("--", 0) != 0)
-      return TuneFail(kTuneExitUsage, "unexpected '" + a + "' (see --help)");
-    if (i + 1 >= argc) return TuneFail(kTuneExitUsage, a + " needs a value");
-    v = argv[++i];
-    uint64_t n = 0;
-    bool ok = true;
-    if (a == "--train")
-      o->train.push_back(v);
-    else if (a == "--test")
-      o->test.push_back(v);
-    else if (a == "--range")
-      o->ranges.push_back(v);
-    else if (a == "--preset") {
-      ok = v == "fusion";
-      for (const std::string &r : FusionPreset()) o->ranges.push_back(r);
-    } else if (a == "--objective")
-      ok = (o->objective = ScoredOutputByName(v)) >= 0;
-    else if (a == "--max-tilt-rms")
-      ok = ParseDouble(v, &o->max_tilt) && o->max_tilt >= 0;
-    else if (a == "--tilt-slack")
-      ok = ParseDouble(v, &o->tilt_slack) && o->tilt_slack >= 0;
-    else if (a == "--seed")
-      ok = Unsigned(v, &o->seed);
-    else if (a == "--budget")
-      ok = Unsigned(v, &n), o->budget = n;
-    else if (a == "--time-limit")
-      ok = ParseDouble(v, &o->time_limit_s) && o->time_limit_s > 0;
-    else if (a == "--warmup")
-      ok = ParseDouble(v, &o->warmup_s) && o->warmup_s >= 0;
-    else if (a == "--hw-gyro")
-      ok = (v == "0" || v == "1") && ((o->hw_gyro = v[0] - '0'), true);
-    else if (a == "--hwname")
-      o->hwname = v, o->hwname_set = true;
-    else if (a == "--lib")
-      o->lib = v;
-    else if (a == "--out-set")
-      o->out_set = v;
-    else if (a == "--out-c")
-      o->out_c = v;
-    else if (a == "--set" || a == "--set-file") {
-      Assignment s;
-      ok = a == "--set" ? ParseAssignment(v, &s, &error) : ReadSetFile(v, &o->sets, &error);
-      if (!ok) return TuneFail(kTuneExitUsage, a + ": " + error);
-      if (a == "--set") o->sets.push_back(s);
-    } else {
-      return TuneFail(kTuneExitUsage, "unknown option " + a + " (see --help)");
-    }
-    if (!ok) return TuneFail(kTuneExitUsage, "bad value '" + v + "' for " + a);
+  }
+  for (const std::string *path : {&o->out_set, &o->out_c}) {
+    std::string target, error;
+    if (!CheckOutputPath(*path, &target, &error)) return TuneFail(kTuneExitRuntime, error);
   }
   if (o->train.empty()) return TuneFail(kTuneExitUsage, "no --train recording (see --help)");
   if (o->ranges.empty())
@@ -139,7 +151,10 @@ int PrepareTune(const TuneOptions &o, TuneContext *ctx, std::string *error) {
        {std::make_pair(&o.train, &ctx->train), std::make_pair(&o.test, &ctx->test)}) {
     for (const std::string &s : *names) {
       parts->emplace_back();
-      if (!LoadPart(s, o.warmup_s, &parts->back(), error)) return kTuneExitUsage;
+      if (!LoadPart(s, o.warmup_s, &parts->back(), error)) {
+        return error->find(": cannot open") != std::string::npos ? kTuneExitRuntime
+                                                                 : kTuneExitUsage;
+      }
     }
   }
   RouteLibraryLog(ANDROID_LOG_SILENT);
