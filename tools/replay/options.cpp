@@ -60,6 +60,8 @@ const char kHelp[] =
     "  --gt FILE            true orientation t_ns,qw,qx,qy,qz (phone to east-north-up)\n"
     "                       for heading errors (default: gt.csv beside EVENTS.csv)\n"
     "  --gt-shift-ms MS     add MS to the ground truth times (default 0)\n"
+    "  --gt-max-sigma DEG   a truth with a sigma_deg column (a reference attitude): do\n"
+    "                       not score next to samples whose sigma exceeds DEG\n"
     "  --warmup S           score outputs from S seconds after the first replayed event\n"
     "                       (default 10: calibration and start-up ramp)\n"
     "  --score-from S, --score-to S\n"
@@ -82,7 +84,7 @@ bool TakesValue(const std::string &option) {
   static const char *const kOptions[] = {
       "--lib",        "--hw-gyro",     "--hwname",     "--set",
       "--log-level",  "--out",         "--sysfs-root", "--charging-current",
-      "--gt",         "--gt-shift-ms", "--truth",      "--set-file",
+      "--gt",         "--gt-shift-ms", "--truth",      "--set-file", "--gt-max-sigma",
       "--from",       "--to",          "--warmup",     "--errors-out",
       "--score-from", "--score-to"};
   for (const char *o : kOptions) {
@@ -163,6 +165,9 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
     } else if (a == "--gt-shift-ms") {
       if (!ParseDouble(v, &o->gt_shift_ms))
         return ReplayFail(kExitUsage, "--gt-shift-ms '" + v + "' is not a number");
+    } else if (a == "--gt-max-sigma") {
+      if (!ParseDouble(v, &o->gt_max_sigma) || !(o->gt_max_sigma >= 0))
+        return ReplayFail(kExitUsage, "--gt-max-sigma '" + v + "' is not a number >= 0");
     } else if (a == "--truth") {
       o->truth = v;
     } else if (o->events.empty()) {

@@ -94,12 +94,14 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
                 : key == "warmup"      ? &p.warmup_s
                 : key == "score-from"  ? &p.score_from_s
                 : key == "score-to"    ? &p.score_to_s
+                : key == "gt-max-sigma" ? &p.gt_max_sigma
                                        : nullptr;
     if (key == "gt") {
       p.gt_path = value;
     } else if (d == nullptr || !ParseDouble(value, d)) {
       *error = "recording '" + description + "': bad item '" + f[k] +
-               "' (from=S, to=S, score-from=S, score-to=S, gt=FILE, gt-shift-ms=MS, warmup=S)";
+               "' (from=S, to=S, score-from=S, score-to=S, gt=FILE, gt-shift-ms=MS, gt-max-sigma=DEG, "
+               "warmup=S)";
       return false;
     }
   }
@@ -116,6 +118,13 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
     return false;
   }
   if (p.gt_shift_ms != 0) p.truth.Shift(static_cast<int64_t>(p.gt_shift_ms * 1e6));
+  if (p.gt_max_sigma >= 0) {
+    if (!p.truth.has_sigma()) {
+      *error = "recording '" + description + "': gt-max-sigma needs a truth with a sigma_deg column";
+      return false;
+    }
+    p.untrusted = p.truth.SetMaxSigma(p.gt_max_sigma);
+  }
   p.t0_ns = p.events.front().t_ns;
   size_t cut = p.path.rfind('/');
   cut = cut == std::string::npos || cut == 0 ? std::string::npos : p.path.rfind('/', cut - 1);
@@ -131,6 +140,7 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
   if (p.score_from_s >= 0 || p.score_to_s >= 0) {
     p.label += ", scored " + span(p.score_from_s < 0 ? p.from_s : p.score_from_s, p.score_to_s);
   }
+  if (p.gt_max_sigma >= 0) p.label += ", " + std::to_string(p.untrusted) + " truth samples untrusted";
   *out = std::move(p);
   return true;
 }
@@ -142,6 +152,8 @@ std::string ReplayArguments(const Part &p) {
   if (p.to_s >= 0) std::snprintf(buf, sizeof buf, " --to %g", p.to_s), s += buf;
   if (p.gt_shift_ms != 0)
     std::snprintf(buf, sizeof buf, " --gt-shift-ms %g", p.gt_shift_ms), s += buf;
+  if (p.gt_max_sigma >= 0)
+    std::snprintf(buf, sizeof buf, " --gt-max-sigma %g", p.gt_max_sigma), s += buf;
   if (p.score_from_s >= 0)
     std::snprintf(buf, sizeof buf, " --score-from %g", p.score_from_s), s += buf;
   if (p.score_to_s >= 0) std::snprintf(buf, sizeof buf, " --score-to %g", p.score_to_s), s += buf;
