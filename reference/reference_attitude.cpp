@@ -256,6 +256,7 @@ ReferenceResult ComputeReference(const Streams &rec, const Streams *cal_rec,
     ReferenceSample s{t,     q.w(), q.x(),
                       q.y(), q.z(), std::sqrt(ts * ts + hs * hs),
                       ts,    hs,    have_cal ? !usable.empty() && !usable[im] : true};
+    if (s.disturbed) s.sigma_deg = std::max(s.sigma_deg, o.disturbed_sigma_deg);
     worst = std::max(worst, s.sigma_deg);
     sum_sigma += s.sigma_deg;
     res.samples.push_back(s);

@@ -38,6 +38,10 @@ struct ReferenceOptions {
   StillOptions still;
   DisturbanceOptions disturbance;
   double output_rate_hz = 100;
+  // Where the field was disturbed the heading rests on the gyroscope alone;
+  // the covariance may still be small after a short span, so such samples
+  // report at least this sigma: a threshold below it leaves them out.
+  double disturbed_sigma_deg = 5.0;
   // With a calibration recording: refit the offset on this recording (the
   // offset moves with the phone's magnetised parts between recordings).
   bool refit_offset = true;

@@ -39,7 +39,7 @@ struct TimedVec {
 struct SmootherOptions {
   double step_s = 0.1;
   double gyro_noise = 0.004;           // rad/s/sqrt(Hz): angle random walk
-  double bias_walk = 2e-5;             // rad/s^2/sqrt(Hz): bias random walk
+  double bias_walk = 3e-4;             // rad/s^2/sqrt(Hz): bias random walk
   double accel_noise = 0.3;            // m/s^2/sqrt(Hz): specific force not modelled
   double velocity_sigma_h = 2.0;       // m/s: horizontal pseudo-measurement
   double velocity_sigma_v = 0.6;       // m/s: vertical pseudo-measurement
