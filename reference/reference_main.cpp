@@ -77,8 +77,6 @@ double *SmootherSetting(qvn_reference::SmootherOptions *o, const std::string &na
       {"heading_sigma_deg", &qvn_reference::SmootherOptions::heading_sigma_deg},
       {"gravity_sigma", &qvn_reference::SmootherOptions::gravity_sigma},
       {"initial_bias_sigma", &qvn_reference::SmootherOptions::initial_bias_sigma},
-      {"gyro_scale_sigma", &qvn_reference::SmootherOptions::gyro_scale_sigma},
-      {"accel_bias_sigma", &qvn_reference::SmootherOptions::accel_bias_sigma},
   };
   for (const Entry &e : kEntries)
     if (name == e.name) return &(o->*e.field);

@@ -17,7 +17,7 @@ namespace {
 using Eigen::Matrix3d;
 using Eigen::Quaterniond;
 using Eigen::Vector3d;
-constexpr int kN = 15;
+constexpr int kN = 9;
 using Mat9 = Eigen::Matrix<double, kN, kN>;
 using Vec9 = Eigen::Matrix<double, kN, 1>;
 
@@ -56,8 +56,6 @@ double WrapPi(double a) {
 struct Nominal {
   Quaterniond q = Quaterniond::Identity();
   Vector3d b = Vector3d::Zero(), v = Vector3d::Zero();
-  Vector3d s = Vector3d::Zero();   // gyroscope scale error: true rate = (w - b) (1 - s)
-  Vector3d ba = Vector3d::Zero();  // accelerometer bias (m/s^2)
 };
 
 // Index of the last sample at or before t (0 when t precedes them all).
@@ -70,8 +68,7 @@ size_t LastAtOrBefore(const std::vector<TimedVec> &s, int64_t t) {
 // What one step's samples add up to (frame of the step's start).
 struct Preintegrated {
   Matrix3d dr = Matrix3d::Identity();
-  Matrix3d j = Matrix3d::Zero();   // sum dR dt
-  Matrix3d js = Matrix3d::Zero();  // sum dR diag(w) dt
+  Matrix3d j = Matrix3d::Zero();  // sum dR dt
   Vector3d dv = Vector3d::Zero();
   Vector3d mag_sum = Vector3d::Zero();
   int mag_count = 0;
@@ -81,9 +78,7 @@ struct Preintegrated {
 
 Preintegrated Integrate(const std::vector<TimedVec> &acc, const std::vector<TimedVec> &gyr,
                         const std::vector<TimedVec> &mag, const std::vector<bool> &mag_usable,
-                        int64_t ta, int64_t tb, const Vector3d &bias,
-                        const Vector3d &scale = Vector3d::Zero(),
-                        const Vector3d &acc_bias = Vector3d::Zero()) {
+                        int64_t ta, int64_t tb, const Vector3d &bias) {
   Preintegrated p;
   size_t ig = LastAtOrBefore(gyr, ta), ia = LastAtOrBefore(acc, ta);
   size_t im = LastAtOrBefore(mag, ta);
@@ -95,13 +90,11 @@ Preintegrated Integrate(const std::vector<TimedVec> &acc, const std::vector<Time
     if (ia + 1 < acc.size() && acc[ia + 1].t_ns > cur) next = std::min(next, acc[ia + 1].t_ns);
     if (im < mag.size() && mag[im].t_ns > cur) next = std::min(next, mag[im].t_ns);
     double dt = static_cast<double>(next - cur) / kNsPerS;
-    Vector3d w = gyr.empty() ? Vector3d::Zero()
-                             : Vector3d((gyr[ig].v - bias).cwiseProduct(Vector3d::Ones() - scale));
-    Vector3d a = acc.empty() ? Vector3d::Zero() : Vector3d(acc[ia].v - acc_bias);
+    Vector3d w = gyr.empty() ? Vector3d::Zero() : Vector3d(gyr[ig].v - bias);
+    Vector3d a = acc.empty() ? Vector3d::Zero() : acc[ia].v;
     Matrix3d half = p.dr * ExpQ(0.5 * dt * w).toRotationMatrix();
     p.dv += half * a * dt;
     p.j += half * dt;
-    p.js += half * w.asDiagonal() * dt;
     p.gyro_sum += w * dt;
     p.gyro_time += dt;
     p.dr = p.dr * ExpQ(dt * w).toRotationMatrix();
@@ -151,8 +144,6 @@ void Update(const Eigen::Matrix<double, M, 1> &innovation, const Eigen::Matrix<d
   x->q = (ExpQ(dx.head<3>()) * x->q).normalized();
   x->b += dx.segment<3>(3);
   x->v += dx.segment<3>(6);
-  x->s += dx.segment<3>(9);
-  x->ba += dx.segment<3>(12);
   Mat9 ikh = Mat9::Identity() - k * h;
   *p = ikh * (*p) * ikh.transpose() + k * r * k.transpose();
 }
@@ -182,15 +173,12 @@ SmootherRun RunSmoother(const std::vector<TimedVec> &acc, const std::vector<Time
   } else {
     x.q = InitialAttitude(acc, mag, mag_usable, run.t0_ns, use_heading);
   }
-  if (start != nullptr) x.s = start->scale, x.ba = start->acc_bias;
   Mat9 p = Mat9::Zero();
   const double tilt0 = o.initial_tilt_sigma_deg / kDegPerRad;
   const double head0 = o.initial_heading_sigma_deg / kDegPerRad;
   p.diagonal() << tilt0 * tilt0, tilt0 * tilt0, head0 * head0,
       Vector3d::Constant(o.initial_bias_sigma * o.initial_bias_sigma),
-      Vector3d::Constant(o.initial_velocity_sigma * o.initial_velocity_sigma),
-      Vector3d::Constant(o.gyro_scale_sigma * o.gyro_scale_sigma),
-      Vector3d::Constant(o.accel_bias_sigma * o.accel_bias_sigma);
+      Vector3d::Constant(o.initial_velocity_sigma * o.initial_velocity_sigma);
   filt[0] = x;
   pred[0] = x;
   pf[0] = p;
@@ -198,20 +186,18 @@ SmootherRun RunSmoother(const std::vector<TimedVec> &acc, const std::vector<Time
   Mat9 q_noise = Mat9::Zero();
   q_noise.diagonal() << Vector3d::Constant(o.gyro_noise * o.gyro_noise * dt),
       Vector3d::Constant(o.bias_walk * o.bias_walk * dt),
-      Vector3d::Constant(o.accel_noise * o.accel_noise * dt), Vector3d::Zero(), Vector3d::Zero();
+      Vector3d::Constant(o.accel_noise * o.accel_noise * dt);
   double vertical_sum = 0;
   size_t span = 0;
   for (size_t k = 1; k < steps; ++k) {
     const int64_t ta = run.t0_ns + static_cast<int64_t>(k - 1) * run.step_ns;
     const int64_t tb = ta + run.step_ns;
-    Preintegrated pi = Integrate(acc, gyr, mag, mag_usable, ta, tb, x.b, x.s, x.ba);
+    Preintegrated pi = Integrate(acc, gyr, mag, mag_usable, ta, tb, x.b);
     const Matrix3d r = x.q.toRotationMatrix();
     const Vector3d f_world = r * pi.dv;
     vertical_sum += f_world.z();
     Mat9 f = Mat9::Identity();
-    f.block<3, 3>(0, 3) = -r * pi.j * (Matrix3d::Identity() - x.s.asDiagonal().toDenseMatrix());
-    f.block<3, 3>(0, 9) = -r * pi.js;
-    f.block<3, 3>(6, 12) = -r * pi.j;
+    f.block<3, 3>(0, 3) = -r * pi.j;
     f.block<3, 3>(6, 0) = -Skew(f_world);
     x.q = (x.q * Quaterniond(pi.dr)).normalized();
     x.v = x.v + f_world - g_up * dt;
@@ -283,8 +269,6 @@ SmootherRun RunSmoother(const std::vector<TimedVec> &acc, const std::vector<Time
     s.q = n.q;
     s.bias = n.b;
     s.velocity = n.v;
-    s.scale = n.s;
-    s.acc_bias = n.ba;
     s.tilt_sigma_deg = std::sqrt(std::max(cov(0, 0) + cov(1, 1), 0.0)) * kDegPerRad;
     s.heading_sigma_deg = std::sqrt(std::max(cov(2, 2), 0.0)) * kDegPerRad;
   };
@@ -294,16 +278,14 @@ SmootherRun RunSmoother(const std::vector<TimedVec> &acc, const std::vector<Time
     e.head<3>() = LogQ(sm.q * pred[k + 1].q.conjugate());
     e.segment<3>(3) = sm.b - pred[k + 1].b;
     e.segment<3>(6) = sm.v - pred[k + 1].v;
-    e.segment<3>(9) = sm.s - pred[k + 1].s;
-    e.tail<3>() = sm.ba - pred[k + 1].ba;
+
     Mat9 c = pf[k] * phi[k].transpose() * pp[k + 1].ldlt().solve(Mat9::Identity());
     Vec9 d = c * e;
     Nominal n = filt[k];
     n.q = (ExpQ(d.head<3>()) * n.q).normalized();
     n.b += d.segment<3>(3);
     n.v += d.segment<3>(6);
-    n.s += d.segment<3>(9);
-    n.ba += d.tail<3>();
+
     ps = pf[k] + c * (ps - pp[k + 1]) * c.transpose();
     sm = n;
     emit(k, sm, ps);
@@ -323,14 +305,14 @@ bool AttitudeTrack::At(int64_t t_ns, Quaterniond *q, double *tilt_sigma,
   static const std::vector<TimedVec> kNone;
   static const std::vector<bool> kNoFlags;
   Quaterniond qa =
-      a.q * Quaterniond(Integrate(kNone, gyr_, kNone, kNoFlags, a.t_ns, t_ns, a.bias, a.scale).dr);
+      a.q * Quaterniond(Integrate(kNone, gyr_, kNone, kNoFlags, a.t_ns, t_ns, a.bias).dr);
   double s = 0;
   Quaterniond out = qa;
   double ts = a.tilt_sigma_deg, hs = a.heading_sigma_deg;
   if (k + 1 < run_.steps.size() && t_ns > a.t_ns) {
     const SmoothedState &b = run_.steps[k + 1];
     // Carried back from the next state: dR(t -> t_b)^-1.
-    Matrix3d back = Integrate(kNone, gyr_, kNone, kNoFlags, t_ns, b.t_ns, b.bias, b.scale).dr;
+    Matrix3d back = Integrate(kNone, gyr_, kNone, kNoFlags, t_ns, b.t_ns, b.bias).dr;
     Quaterniond qb = b.q * Quaterniond(back.transpose());
     s = static_cast<double>(t_ns - a.t_ns) / static_cast<double>(run_.step_ns);
     out = qa.slerp(s, qb);

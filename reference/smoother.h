@@ -53,8 +53,6 @@ struct SmootherOptions {
   double initial_heading_sigma_deg = 180;
   double initial_bias_sigma = 0.1;      // rad/s
   double initial_velocity_sigma = 2.0;  // m/s
-  double gyro_scale_sigma = 0;          // prior on each axis' scale error (0 = not fitted)
-  double accel_bias_sigma = 0;          // m/s^2, prior on the accelerometer bias (0 = not fitted)
   double gravity = 9.81;                // m/s^2, magnitude as the accelerometer reads it
 };
 
@@ -69,8 +67,6 @@ struct SmoothedState {
   Eigen::Quaterniond q;  // phone -> world
   Eigen::Vector3d bias;
   Eigen::Vector3d velocity;
-  Eigen::Vector3d scale;                     // gyroscope scale error
-  Eigen::Vector3d acc_bias;                  // m/s^2
   double tilt_sigma_deg, heading_sigma_deg;  // from the smoothed covariance
 };
 

@@ -140,7 +140,7 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
   if (p.score_from_s >= 0 || p.score_to_s >= 0) {
     p.label += ", scored " + span(p.score_from_s < 0 ? p.from_s : p.score_from_s, p.score_to_s);
   }
-  if (p.gt_max_sigma >= 0) p.label += ", " + std::to_string(p.untrusted) + " truth samples untrusted";
+  if (p.gt_max_sigma >= 0) p.label += ", " + std::to_string(p.untrusted) + " untrusted";
   *out = std::move(p);
   return true;
 }
