@@ -2,6 +2,7 @@
 // tilt errors in degrees (scored as the replay scores, one heading offset
 // removed), the bias and its drift, and disturbed spans.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cmath>
 #include <cstdio>
@@ -192,6 +193,62 @@ TEST(TruthWithSigma, ThresholdAndRefusals) {
     EXPECT_TRUE(truth.At(250, &q));
     EXPECT_TRUE(truth.At(300, &q));
   }
+}
+
+}  // namespace
+
+namespace {
+
+// The command line: bad options and input end with status 2 and a message
+// naming the problem; a good run writes the six columns.
+TEST(ReferenceTool, RefusesBadInputAndWritesTheReference) {
+  const std::string dir = ::testing::TempDir();
+  const std::string events = dir + "ref_tool_events.csv", out = dir + "ref_tool_out.csv";
+  qvn_sim::SimSpec spec;
+  spec.seconds = 20;
+  qvn_sim::SimRecording sim = qvn_sim::Simulate(spec);
+  FILE *f = std::fopen(events.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  std::fputs("t_ns,sensor,x,y,z\n", f);
+  const std::pair<const char *, const std::vector<qvn_reference::TimedVec> *> streams[] = {
+      {"acc", &sim.streams.acc}, {"gyr", &sim.streams.gyr}, {"mag", &sim.streams.mag}};
+  for (const auto &s : streams)
+    for (const auto &e : *s.second)
+      std::fprintf(f, "%lld,%s,%.6f,%.6f,%.6f\n", static_cast<long long>(e.t_ns), s.first, e.v.x(),
+                   e.v.y(), e.v.z());
+  std::fclose(f);
+  struct Run {
+    std::string args;
+    int status;
+    const char *message;
+  };
+  const Run runs[] = {
+      {"", 2, "usage"},
+      {"--bogus " + events, 2, "unknown option --bogus"},
+      {dir + "missing.csv", 2, "missing.csv"},
+      {"--rate -3 " + events, 2, "--rate"},
+      {"--smoother nope=1 " + events, 2, "--smoother nope=1"},
+      {"--cal " + dir + "missing_cal.csv " + events, 2, "missing_cal.csv"},
+      {"--out " + out + " " + events, 0, "reference samples"},
+  };
+  for (const Run &r : runs) {
+    const std::string cmd = std::string(QVN_REFERENCE_TOOL) + " " + r.args + " 2>&1";
+    FILE *p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::string text;
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p) != nullptr) text += buf;
+    const int status = pclose(p);
+    EXPECT_EQ(WEXITSTATUS(status), r.status) << r.args << "\n" << text;
+    EXPECT_NE(text.find(r.message), std::string::npos) << r.args << "\n" << text;
+  }
+  // The events were written sensor by sensor: each stream in time order is
+  // all the tool needs. Its output is a truth file with the sigma column.
+  qvn_tools::OrientationTruth truth;
+  std::string error;
+  ASSERT_TRUE(truth.Load(out, &error)) << error;
+  EXPECT_TRUE(truth.has_sigma());
+  EXPECT_GT(truth.size(), 1500u);
 }
 
 }  // namespace
