@@ -32,6 +32,9 @@ class OrientationTruth {
   }
   bool empty() const { return t_.empty(); }
   size_t size() const { return t_.size(); }
+  // The samples as read (quaternions normalised), for callers that show them.
+  const std::vector<int64_t> &times() const { return t_; }
+  const std::vector<Quat> &quats() const { return q_; }
   // Orientation at t_ns (interpolated); false outside the covered time span
   // or across a gap longer than max_gap_ns.
   bool At(int64_t t_ns, Quat *q, int64_t max_gap_ns = 200000000) const;
@@ -57,6 +60,7 @@ class CalibrationTruth {
   // Values of key, or nullptr when absent.
   const std::vector<double> *Get(const std::string &key) const;
   bool HasOffset() const { return Get("offset_uT") != nullptr; }
+  const std::map<std::string, std::vector<double>> &values() const { return values_; }
 
  private:
   std::map<std::string, std::vector<double>> values_;
