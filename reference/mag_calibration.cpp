@@ -25,6 +25,7 @@ constexpr int kOutlierRounds = 3;
 constexpr double kMadToSigma = 1.4826;
 constexpr double kCauchyWidth = 2.385;  // 95% efficiency under Gaussian noise
 constexpr double kStepTolerance = 1e-10;
+constexpr double kScreenFactor = 3.0;
 
 struct Model {
   Matrix3d w = Matrix3d::Identity();  // symmetric, scaled units
@@ -233,13 +234,35 @@ MagCalResult CalibrateMagnetometer(const std::vector<MagSample> &samples,
   const size_t n = samples.size();
   res.inlier.assign(n, false);
   std::vector<bool> finite(n, false);
-  Vector3d mean = Vector3d::Zero();
   size_t count = 0;
+  std::vector<double> coord[3];
   for (size_t i = 0; i < n; ++i) {
     const MagSample &s = samples[i];
     finite[i] = std::isfinite(s.x) && std::isfinite(s.y) && std::isfinite(s.z);
-    if (finite[i]) mean += Vector3d(s.x, s.y, s.z), count++;
+    if (!finite[i]) continue;
+    count++;
+    coord[0].push_back(s.x), coord[1].push_back(s.y), coord[2].push_back(s.z);
   }
+  // Wild samples far from the cloud would own the mean, the scale and the
+  // linear starts: a first screen keeps samples within kScreenFactor median
+  // distances of the coordinate-wise median.
+  if (count >= kMinSamples) {
+    const Vector3d med(Median(coord[0]), Median(coord[1]), Median(coord[2]));
+    std::vector<double> dist;
+    for (size_t i = 0; i < n; ++i)
+      if (finite[i])
+        dist.push_back((Vector3d(samples[i].x, samples[i].y, samples[i].z) - med).norm());
+    const double limit = kScreenFactor * Median(dist);
+    count = 0;
+    for (size_t i = 0; i < n; ++i) {
+      if (!finite[i]) continue;
+      finite[i] = (Vector3d(samples[i].x, samples[i].y, samples[i].z) - med).norm() <= limit;
+      count += finite[i];
+    }
+  }
+  Vector3d mean = Vector3d::Zero();
+  for (size_t i = 0; i < n; ++i)
+    if (finite[i]) mean += Vector3d(samples[i].x, samples[i].y, samples[i].z);
   if (count < kMinSamples) {
     res.error = "too few finite magnetometer samples (" + std::to_string(count) + ", need " +
                 std::to_string(kMinSamples) + ")";

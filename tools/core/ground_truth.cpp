@@ -56,13 +56,19 @@ bool OrientationTruth::LoadText(const char *data, size_t size, const std::string
 bool OrientationTruth::Parse(LineReader *in, std::string *error) {
   t_.clear();
   q_.clear();
+  sigma_.clear();
+  untrusted_.clear();
   const bool ok = ForEachLine(in, error, [&](std::string_view raw) {
     std::string_view text = Trimmed(raw);
     if (text.empty() || text[0] == '#' || (in->line() == 1 && text.substr(0, 4) == "t_ns"))
       return true;
     std::vector<std::string> f = SplitCsvLine(std::string(text));
-    if (f.size() != 5) {
-      *error = in->Where() + "expected 5 fields t_ns,qw,qx,qy,qz but found " +
+    // The sigma column is all or nothing: its presence is set by the first row.
+    const size_t want = t_.empty() ? (f.size() == 6 ? 6 : 5) : (sigma_.empty() ? 5 : 6);
+    if (f.size() != want) {
+      *error = in->Where() +
+               (want == 6 ? "expected 6 fields t_ns,qw,qx,qy,qz,sigma_deg but found "
+                          : "expected 5 fields t_ns,qw,qx,qy,qz but found ") +
                std::to_string(f.size()) + ": " + Quoted(text, 80);
       return false;
     }
@@ -71,14 +77,18 @@ bool OrientationTruth::Parse(LineReader *in, std::string *error) {
       *error = in->Where() + "column t_ns " + Quoted(f[0]) + " is not an integer number of nanoseconds";
       return false;
     }
-    static const char *const kColumns[] = {"qw", "qx", "qy", "qz"};
-    double v[4];
-    for (int k = 0; k < 4; ++k) {
+    static const char *const kColumns[] = {"qw", "qx", "qy", "qz", "sigma_deg"};
+    double v[5];
+    for (size_t k = 0; k + 1 < want; ++k) {
       if (!ParseDouble(f[1 + k], &v[k])) {
         *error = in->Where() + "column " + kColumns[k] + " " + Quoted(f[1 + k]) +
                  " is not a finite number";
         return false;
       }
+    }
+    if (want == 6 && !(v[4] >= 0)) {
+      *error = in->Where() + "column sigma_deg " + Quoted(f[5]) + " is negative";
+      return false;
     }
     const double norm2 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2] + v[3] * v[3];
     if (!(norm2 > 1e-12) || !std::isfinite(norm2)) {
@@ -86,6 +96,7 @@ bool OrientationTruth::Parse(LineReader *in, std::string *error) {
                ") has no usable length";
       return false;
     }
+    if (want == 6) sigma_.push_back(v[4]);
     if (!t_.empty() && t < t_.back()) {
       *error = in->Where() + "column t_ns: time " + std::to_string(t) +
                " ns goes back (truth times must be in order)";
@@ -98,6 +109,7 @@ bool OrientationTruth::Parse(LineReader *in, std::string *error) {
   if (!ok) {
     t_.clear();
     q_.clear();
+    sigma_.clear();
   }
   return ok;
 }
@@ -106,14 +118,24 @@ void OrientationTruth::Shift(int64_t delta_ns) {
   for (int64_t &t : t_) t = SaturatingAdd(t, delta_ns);
 }
 
+size_t OrientationTruth::SetMaxSigma(double max_deg) {
+  untrusted_.assign(sigma_.size(), false);
+  size_t n = 0;
+  for (size_t i = 0; i < sigma_.size(); ++i)
+    if (sigma_[i] > max_deg) untrusted_[i] = true, n++;
+  return n;
+}
+
 bool OrientationTruth::At(int64_t t_ns, Quat *q, int64_t max_gap_ns) const {
   if (t_.empty() || t_ns < t_.front() || t_ns > t_.back()) return false;
   size_t hi = static_cast<size_t>(std::lower_bound(t_.begin(), t_.end(), t_ns) - t_.begin());
   if (t_[hi] == t_ns) {
+    if (!untrusted_.empty() && untrusted_[hi]) return false;
     *q = q_[hi];
     return true;
   }
   size_t lo = hi - 1;  // hi > 0 since t_ns > t_.front()
+  if (!untrusted_.empty() && (untrusted_[lo] || untrusted_[hi])) return false;
   // t_[lo] < t_ns < t_[hi]: both differences are positive and fit uint64
   // even when the times span the whole int64 range.
   const uint64_t span = static_cast<uint64_t>(t_[hi]) - static_cast<uint64_t>(t_[lo]);

@@ -1,7 +1,9 @@
 // Ground truth beside an event file.
 //
 // gt.csv: "t_ns,qw,qx,qy,qz", the true phone-to-world orientation (world =
-// east, north, up), sorted by time; finite values, not all four zero.
+// east, north, up), sorted by time; finite values, not all four zero. A
+// reference attitude computed from the recording itself adds a sixth column,
+// sigma_deg: its standard deviation in degrees.
 // truth.txt: "key value..." lines written by the simulator; the replay uses
 // offset_uT (3 values, raw sensor frame) and soft_iron (9 values, row-major,
 // raw = soft_iron * field + offset). '#' starts a comment. Values must be
@@ -30,6 +32,8 @@ class OrientationTruth {
   void SetSamples(const std::vector<std::pair<int64_t, Quat>> &samples) {
     t_.clear();
     q_.clear();
+    sigma_.clear();
+    untrusted_.clear();
     for (const auto &s : samples) t_.push_back(s.first), q_.push_back(Normalized(s.second));
   }
   bool empty() const { return t_.empty(); }
@@ -46,11 +50,17 @@ class OrientationTruth {
   // Moves every truth time by delta_ns (a clock offset between the
   // recordings), saturating at the ends of the int64 range.
   void Shift(int64_t delta_ns);
+  // Samples whose sigma_deg exceeds max_deg (a file without the column has
+  // none) are not trusted: At() is false next to them. Returns how many.
+  size_t SetMaxSigma(double max_deg);
+  bool has_sigma() const { return !sigma_.empty(); }
 
  private:
   bool Parse(LineReader *in, std::string *error);
   std::vector<int64_t> t_;
   std::vector<Quat> q_;
+  std::vector<double> sigma_;  // empty, or one per sample
+  std::vector<bool> untrusted_;
 };
 
 class CalibrationTruth {

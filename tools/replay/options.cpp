@@ -116,6 +116,11 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
   app.add_option("--gt-shift-ms", o->gt_shift_ms, "add MS to the ground truth times (default 0)")
       ->type_name("MS")
       ->check(NumberIn(-kMaxShiftMs, kMaxShiftMs, "milliseconds"));
+  app.add_option("--gt-max-sigma", o->gt_max_sigma,
+                 "a truth with a sigma_deg column (a reference attitude): do not score next to "
+                 "samples whose sigma exceeds DEG")
+      ->type_name("DEG")
+      ->check(NumberIn(0, 360, "degrees"));
   app.add_option("--warmup", o->warmup_s,
                  "score outputs from S seconds after the first replayed event (default 10: "
                  "calibration and start-up ramp)")

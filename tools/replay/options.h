@@ -24,6 +24,7 @@ struct ReplayOptions {
   bool current_set = false;
   int64_t current = 0;
   double gt_shift_ms = 0;
+  double gt_max_sigma = -1;  // truth samples with a larger sigma_deg are not scored (< 0: all)
   double from_s = 0, to_s = -1;               // part of the recording replayed (to < 0: the end)
   double warmup_s = 10;                       // not scored after the first replayed event
   double score_from_s = -1, score_to_s = -1;  // scored span, from the file's first event

@@ -196,6 +196,12 @@ int main(int argc, char **argv) {
   OutputFile out;
   if (!o.out.empty() && !out.Open(o.out, &error)) return ReplayFail(kExitRuntime, "--out: " + error);
   if (o.gt_shift_ms != 0 && !gt.empty()) gt.Shift(SaturatingInt64(o.gt_shift_ms * 1e6));
+  if (o.gt_max_sigma >= 0 && !gt.empty()) {
+    if (!gt.has_sigma())
+      return ReplayFail(kExitUsage, "--gt-max-sigma: " + o.gt + " has no sigma_deg column");
+    std::fprintf(stderr, "truth: %zu of %zu samples above sigma %g deg; steps next to them not scored\n",
+                 gt.SetMaxSigma(o.gt_max_sigma), gt.size(), o.gt_max_sigma);
+  }
 
   // Logging is routed before the library can write its first line.
   RouteLibraryLog(o.log_priority);

@@ -96,6 +96,7 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
                 : key == "warmup"      ? &p.warmup_s
                 : key == "score-from"  ? &p.score_from_s
                 : key == "score-to"    ? &p.score_to_s
+                : key == "gt-max-sigma" ? &p.gt_max_sigma
                                        : nullptr;
     if (key == "gt") {
       p.gt_path = value;
@@ -103,7 +104,7 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
                (key == "gt-shift-ms" ? std::fabs(*d) > 1e9 : (*d < 0 || *d > 1e9))) {
       *error = "recording '" + description + "': bad item '" + f[k] +
                "' (from=S, to=S, score-from=S, score-to=S, warmup=S with seconds from 0 to "
-               "1e9; gt=FILE; gt-shift-ms=MS within +-1e9)";
+               "1e9; gt=FILE; gt-shift-ms=MS within +-1e9; gt-max-sigma=DEG)";
       return false;
     }
   }
@@ -120,6 +121,13 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
     return false;
   }
   if (p.gt_shift_ms != 0) p.truth.Shift(SaturatingInt64(p.gt_shift_ms * 1e6));
+  if (p.gt_max_sigma >= 0) {
+    if (!p.truth.has_sigma()) {
+      *error = "recording '" + description + "': gt-max-sigma needs a truth with a sigma_deg column";
+      return false;
+    }
+    p.untrusted = p.truth.SetMaxSigma(p.gt_max_sigma);
+  }
   if (p.truth.last_ns() < p.events.front().t_ns || p.truth.first_ns() > p.events.back().t_ns) {
     *error = "recording '" + description + "': its ground truth " + p.gt_path +
              " does not overlap the replayed events (gt-shift-ms moves the truth)";
@@ -148,6 +156,7 @@ bool LoadPart(const std::string &description, double default_warmup_s, Part *out
   if (p.score_from_s >= 0 || p.score_to_s >= 0) {
     p.label += ", scored " + span(p.score_from_s < 0 ? p.from_s : p.score_from_s, p.score_to_s);
   }
+  if (p.gt_max_sigma >= 0) p.label += ", " + std::to_string(p.untrusted) + " untrusted";
   *out = std::move(p);
   return true;
 }
@@ -159,6 +168,8 @@ std::string ReplayArguments(const Part &p) {
   if (p.to_s >= 0) std::snprintf(buf, sizeof buf, " --to %g", p.to_s), s += buf;
   if (p.gt_shift_ms != 0)
     std::snprintf(buf, sizeof buf, " --gt-shift-ms %g", p.gt_shift_ms), s += buf;
+  if (p.gt_max_sigma >= 0)
+    std::snprintf(buf, sizeof buf, " --gt-max-sigma %g", p.gt_max_sigma), s += buf;
   if (p.score_from_s >= 0)
     std::snprintf(buf, sizeof buf, " --score-from %g", p.score_from_s), s += buf;
   if (p.score_to_s >= 0) std::snprintf(buf, sizeof buf, " --score-to %g", p.score_to_s), s += buf;

@@ -29,6 +29,8 @@ struct Part {
   std::string description, path, gt_path;
   std::string label;  // folder/file and span, for tables
   double from_s = 0, to_s = -1, gt_shift_ms = 0, warmup_s = 10;
+  double gt_max_sigma = -1;  // truth samples above this sigma_deg are not scored (< 0: all)
+  size_t untrusted = 0;      // truth samples above gt_max_sigma
   double score_from_s = -1, score_to_s = -1;
   std::vector<Event> events;  // the span only
   OrientationTruth truth;
