@@ -179,6 +179,10 @@ def suggest(trial, d: Dimension):
     return trial.suggest_float(d.target, d.lo, d.hi, log=d.kind == "log")
 
 
+def _short(v) -> str:
+    return str(v) if isinstance(v, (str, int, np.integer)) else f"{float(v):.4g}"
+
+
 def value_text(v) -> str:
     return str(v) if isinstance(v, (str, int, np.integer)) else f"{float(v):.6g}"
 
@@ -353,7 +357,12 @@ def refusal(candidate: Scores, default: Scores, output: str, margin: float,
 
 
 HEARTBEAT_S = 2  # a worker silent for three heartbeats has lost its trial
-REFUSED = 1000.0  # added to the objective of a refused candidate
+# A refused candidate is evaluated on every training replay like the others
+# (unless pruned) and its value is raised by PENALTY per degree beyond the
+# limits, so that the sampler learns where the limits are; the result is
+# always the best candidate that was not refused.
+PENALTY = 10.0
+UNSCORED = 180.0
 
 
 class Objective:
@@ -388,19 +397,36 @@ class Objective:
         params = {} if default else {d.target: suggest(trial, d) for d in self.dims}
         sets = self.sets_of(params)
         out, margin = self.config["objective"], self.config["margin"]
-        headings = []
+        headings, excess = [], 0.0
         for k, (ev, default) in enumerate(zip(self.train, self.defaults)):
             s = evaluate(ev, self.config, sets)
             why = refusal(s, default, out, margin, self.tilt_limits[k])
-            if why is not None:
+            if why is not None and "refused" not in trial.user_attrs:
                 trial.set_user_attr("refused", f"{ev.label} {'warm' if ev.warm else 'cold'}: {why}")
-                excess = s.of(out)["h"] - default.of(out)["h"] if scored(s.of(out)) else 100.0
-                return self.default_value + REFUSED + max(0.0, min(excess, 100.0))
-            headings.append(s.of(out)["h"])
-            trial.report(float(np.mean(headings)), k)
+            excess += violation(s, default, out, margin, self.tilt_limits[k])
+            headings.append(s.of(out)["h"] if scored(s.of(out)) else UNSCORED)
+            value = float(np.mean(headings)) + PENALTY * excess
+            trial.report(value, k)
             if k + 1 < len(self.train) and trial.should_prune():
                 raise optuna.TrialPruned()
-        return float(np.mean(headings))
+        trial.set_user_attr("violation", excess)
+        return value
+
+
+def violation(candidate: Scores, default: Scores, output: str, margin: float,
+              tilt_limit: float) -> float:
+    """How far a candidate is beyond the limits on one replay (degrees; lost
+    steps count as UNSCORED): what the sampler learns to avoid."""
+    c, d = candidate.of(output), default.of(output)
+    if refusal(candidate, default, output, margin, tilt_limit) is None:
+        return 0.0
+    if not scored(c):
+        return UNSCORED
+    lost = any(scored(default.of(o)) and (not scored(candidate.of(o))
+               or candidate.of(o)["steps"] < default.of(o)["steps"]
+               or candidate.of(o)["not_finite"] > default.of(o)["not_finite"]) for o in OUTPUTS)
+    return (UNSCORED if lost else 0.0) + max(0.0, c["h"] - d["h"] - margin) + \
+        max(0.0, c["t"] - tilt_limit)
 
 
 def _over_budget(trial, budget: int) -> bool:
@@ -549,11 +575,8 @@ def _storage(url: str | None):
 def _progress(start: float, budget: int, first_done: int):
     def callback(study, trial):
         done = counted(study)
-        best = "-"
-        try:
-            best = f"{study.best_value:.2f} deg"
-        except ValueError:
-            pass
+        accepted = _best(study)
+        best = f"{accepted[0].value:.2f} deg" if accepted else "-"
         rate = (time.monotonic() - start) / max(1, done - first_done)
         left = max(0, budget - done) * rate
         print(f"qvn_tune: {done}/{budget} trials, best {best}, {time.monotonic() - start:.0f} s, "
@@ -669,7 +692,7 @@ def _main(argv) -> int:
             h.wait()
     if args.worker:
         return 0
-    return report(args, study, objective, evals, dims, time.monotonic() - start)
+    return report(args, study, objective, evals, dims, time.monotonic() - start, argv)
 
 
 def _worker_args(cmd):
@@ -707,7 +730,26 @@ def item_table(evals, default_scores, found_scores, output: str) -> list:
     return lines
 
 
-def report(args, study, objective, evals, dims, elapsed) -> int:
+def replay_command(args, ev: Evaluation) -> str | None:
+    """The qvn_replay command of a cold replay with the found set."""
+    it = ev.item
+    if ev.warm or it.gt == "still":
+        return None
+    c = ["qvn_replay", "--hw-gyro", str(args.hw_gyro)]
+    if not args.keep_early_gyro:
+        c.append("--skip-early-gyro")
+    for flag, v in (("--from", it.from_s or None), ("--to", it.to_s),
+                    ("--score-from", it.score_from_s), ("--score-to", it.score_to_s),
+                    ("--gt-shift-ms", it.gt_shift_ms or None)):
+        if v is not None:
+            c += [flag, f"{v:g}"]
+    c += ["--warmup", f"{it.warmup_s:g}", "--set-file", args.out_set]
+    if it.gt:
+        c += ["--gt", it.gt]
+    return " ".join(c + [it.path])
+
+
+def report(args, study, objective, evals, dims, elapsed, argv) -> int:
     best = _best(study)
     if not best:
         raise RuntimeFailure("no trial met the limits (not even the default set); "
@@ -728,7 +770,7 @@ def report(args, study, objective, evals, dims, elapsed) -> int:
     config = objective.config
     default_scores = [evaluate(e, config, config["sets"]) for e in evals]
     found_scores = [evaluate(e, config, sets) for e in evals]
-    lines = ["qvn_tune " + " ".join(sys.argv[1:]), statement, search, ""]
+    lines = ["qvn_tune " + " ".join(argv), statement, search, ""]
     lines += [f"{out}, degrees (heading after removing one constant offset per replay):"]
     lines += ["  " + line for line in item_table(evals, default_scores, found_scores, out)]
     worse = [f"{e.role} {e.label} {'warm' if e.warm else 'cold'}"
@@ -737,11 +779,11 @@ def report(args, study, objective, evals, dims, elapsed) -> int:
     lines.append("worse than the default: " + ("; ".join(worse) if worse else "none"))
     lines += ["", f"best trials (of {len(best)} accepted; '-' = the default value):"]
     shown = best[:args.top]
-    lines.append(f"  {'trial':<40}" + "".join(f"{t.number:>10d}" for t in shown))
-    lines.append(f"  {'objective (deg)':<40}" + "".join(f"{t.value:>10.2f}" for t in shown))
+    lines.append(f"  {'trial':<40}" + "".join(f"{t.number:>11d}" for t in shown))
+    lines.append(f"  {'objective (deg)':<40}" + "".join(f"{t.value:>11.2f}" for t in shown))
     for d in dims:
         lines.append(f"  {d.target:<40}" + "".join(
-            f"{value_text(t.params[d.target]) if d.target in t.params else '-':>10}"
+            f"{_short(t.params[d.target]) if d.target in t.params else '-':>11}"
             for t in shown))
     print("\n".join(lines))
     note = [lines[0], statement, search]
@@ -760,6 +802,11 @@ def report(args, study, objective, evals, dims, elapsed) -> int:
     print(f"\nfound set ({args.out_set}, also as C in {args.out_c}):")
     for s in sets:
         print("  " + s)
+    print("cold replays with the found set (without --set-file: the default set):")
+    for ev in evals:
+        command = replay_command(args, ev)
+        if command:
+            print("  " + command)
     return 0
 
 

@@ -86,6 +86,8 @@ def _scores(h=10.0, t=2.0, steps=100, not_finite=0, constant=False, **per_output
 def test_refusal(candidate, expected):
     why = tune.refusal(candidate, _scores(), "orientation", margin=0.5, tilt_limit=3.0)
     assert (why is None) if expected is None else (why is not None and expected in why)
+    excess = tune.violation(candidate, _scores(), "orientation", margin=0.5, tilt_limit=3.0)
+    assert (excess == 0) == (why is None) and excess >= 0
 
 
 def _run(args, **kw):
