@@ -49,7 +49,8 @@ class Session:
 def _one(recording) -> "_core.EventList":
     from . import _event_list
     if isinstance(recording, (list, tuple)):
-        raise TypeError("a session's recordings are paths, frames or event lists, not sequences")
+        raise TypeError("events: a path, a DataFrame or a structured array (t_ns, sensor, x, y, z) "
+                        f"for each recording of a session, not {type(recording).__name__}")
     return _event_list(recording)
 
 

@@ -22,7 +22,6 @@ several machines share.
 from __future__ import annotations
 
 import argparse
-import dataclasses
 import hashlib
 import json
 import math
@@ -32,7 +31,7 @@ import sys
 import time
 import warnings
 import zlib
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 
 import numpy as np
 
@@ -624,7 +623,6 @@ def prepare(args):
 
 
 def run_worker(args, study, objective, start):
-    import optuna
     first = counted(study)
     study.optimize(objective, n_trials=max(0, args.budget - first) + args.workers,
                    timeout=args.time_limit,
