@@ -181,6 +181,10 @@ def test_interrupted_sqlite_study_resumes_without_repeating(recs, tmp_path, run_
                         "--set-file", tmp_path / "set.txt", recs / "walk" / "events.csv")
     assert replayed.returncode == 0, replayed.stderr
     assert cold_found.split()[-5] in replayed.stdout
+    compiled = subprocess.run(["cc", "-fsyntax-only", "-Wall", "-Wno-unused-function", "-Werror",
+                               tmp_path / "set.c"],
+                              capture_output=True, text=True, timeout=60)
+    assert compiled.returncode == 0, compiled.stderr
 
 
 @pytest.fixture
