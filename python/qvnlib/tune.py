@@ -529,14 +529,16 @@ def parser() -> argparse.ArgumentParser:
     a("--objective", default="orientation", choices=OUTPUTS)
     a("--margin", type=_nonneg(float), default=0.5,
       help="degrees a training item may get worse than the default (default 0.5)")
-    a("--max-tilt-rms", type=_nonneg(float), help="tilt limit (default: each item's default + slack)")
+    a("--max-tilt-rms", type=_nonneg(float),
+      help="tilt limit (default: each item's default + slack)")
     a("--tilt-slack", type=_nonneg(float), default=1.0)
     a("--seed", type=_nonneg(int), default=1)
-    a("--budget", type=_nonneg(int), default=150, help="trials in the study, the default set's included")
+    a("--budget", type=_nonneg(int), default=150,
+      help="trials in the study, the default set's included")
     a("--time-limit", type=_nonneg(float), default=None, help="stop this process after S seconds")
     a("--sampler", default="tpe", choices=("tpe", "cmaes", "random"))
-    a("--storage", help="study storage URL (default sqlite:///qvn_tune_study.db in the current folder; "
-      "postgresql://user@host/db for several machines)")
+    a("--storage", help="study storage URL (default sqlite:///qvn_tune_study.db in the current "
+      "folder; postgresql://user@host/db for several machines)")
     a("--study", help="study name (default: one derived from the search)")
     a("--workers", type=_nonneg(int), default=1, help="worker processes on this machine")
     a("--worker", action="store_true", help=argparse.SUPPRESS)

@@ -30,7 +30,8 @@ def tune_tool():
 def recs(tmp_path_factory):
     """A calibration sweep and a short swinging walk of one simulated phone."""
     root = tmp_path_factory.mktemp("tune")
-    for name, motion, seed in (("prime", "still:1,figure8:8", 21), ("walk", "still:1,swing:14:4", 22)):
+    for name, motion, seed in (("prime", "still:1,figure8:8", 21),
+                               ("walk", "still:1,swing:14:4", 22)):
         qvnlib.simulate(root / name, motion=motion, seed=seed, offset=(40, -25, 60))
     return root
 
@@ -63,7 +64,8 @@ def test_session_replay_gives_the_bits_of_one_concatenated_file(recs, run_tool, 
     assert f"{hrms:.2f}" in done.stdout
     # The warm walk really differs from the cold one: the calibration is carried over.
     cold = qvnlib.replay(paths[1], hw_gyro=hw_gyro, skip_early_gyro=bool(hw_gyro))
-    assert cold.steps["offset_x"].iloc[0] != run.steps["offset_x"].iloc[len(run.steps) - len(cold.steps)]
+    walk_start = len(run.steps) - len(cold.steps)
+    assert cold.steps["offset_x"].iloc[0] != run.steps["offset_x"].iloc[walk_start]
 
 
 def _scores(h=10.0, t=2.0, steps=100, not_finite=0, constant=False, **per_output):
