@@ -4,7 +4,8 @@
 # SECONDS on a scratch copy of its committed seed corpus. Exits non-zero on
 # any finding; the crashing inputs are kept under <build>/findings/.
 #
-#   fuzz/run_fuzzers.sh [SECONDS]        # default 60 per harness
+#   fuzz/run_fuzzers.sh [SECONDS]        # default 60 per harness (the tools'
+#                                        # parsers: at most 30)
 #   QVN_FUZZ_BUILD_DIR=build-fuzz        # where to build (default build-fuzz)
 #   QVN_FUZZ_RUNS=N                      # stop each harness after N inputs instead
 #
@@ -14,7 +15,7 @@ set -euo pipefail
 seconds="${1:-60}"
 cd "$(dirname "$0")/.."
 build="${QVN_FUZZ_BUILD_DIR:-build-fuzz}"
-harnesses=(host_calls_fuzzer fits_fuzzer)
+harnesses=(host_calls_fuzzer fits_fuzzer tool_parsers_fuzzer)
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQVN_BUILD_FUZZ=ON -DQVN_BUILD_TESTS=OFF -DQVN_BUILD_TOOLS=OFF -DQVN_BUILD_BENCH=OFF >/dev/null
@@ -40,6 +41,7 @@ for h in "${harnesses[@]}"; do
   mkdir -p "$scratch/$h"
   cp fuzz/corpus/"$h"/* "$scratch/$h/"
   limit=(-max_total_time="$seconds")
+  if [ "$h" = tool_parsers_fuzzer ] && [ "$seconds" -gt 30 ]; then limit=(-max_total_time=30); fi
   if [ -n "${QVN_FUZZ_RUNS:-}" ]; then limit=(-runs="$QVN_FUZZ_RUNS"); fi
   echo "== $h: fuzzing (${limit[*]})"
   if ! "$bin" "${limit[@]}" -timeout=30 -rss_limit_mb=2048 -print_final_stats=1 \

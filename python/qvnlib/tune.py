@@ -26,6 +26,7 @@ import hashlib
 import json
 import math
 import os
+import stat
 import subprocess
 import sys
 import time
@@ -148,8 +149,11 @@ def parse_range(text: str) -> Dimension:
     except KeyError as e:
         raise UsageError(f"range '{text}': {e.args[0]}") from None
     if d.kind != "choice" and dtype.kind in "iu":
+        for v in (d.lo, d.hi):
+            if v != int(v):
+                raise UsageError(f"range '{text}': {v:g} is not an integer ({name} is {dtype})")
         d.kind = "int"
-        probes = [str(int(math.ceil(d.lo))), str(int(math.floor(d.hi)))]
+        probes = [str(int(d.lo)), str(int(d.hi))]
     for v in probes:
         try:
             _core.Library.check_sets([f"{name}={v}"])
@@ -203,6 +207,7 @@ class Item:
     prime: str | None = None
 
 
+MAX_ITEM_VALUE = 1e9  # so that every time in nanoseconds fits 64 bits
 _KEYS = {"from": "from_s", "to": "to_s", "score-from": "score_from_s", "score-to": "score_to_s",
          "gt-shift-ms": "gt_shift_ms", "warmup": "warmup_s"}
 
@@ -221,10 +226,11 @@ def parse_item(text: str, warmup_s: float = 10.0, prime: str | None = None) -> I
         elif key in _KEYS:
             try:
                 v = float(value)
-                if not math.isfinite(v):
-                    raise ValueError
             except ValueError:
-                raise UsageError(f"recording '{text}': bad value '{value}' for {key}") from None
+                v = math.nan
+            if not abs(v) <= MAX_ITEM_VALUE:  # seconds or ms; NaN fails too
+                raise UsageError(f"recording '{text}': bad item '{f}' (a number of at most "
+                                 f"{MAX_ITEM_VALUE:g})")
             setattr(item, _KEYS[key], v)
         else:
             raise UsageError(f"recording '{text}': bad item '{f}' (from=S, to=S, score-from=S, "
@@ -235,8 +241,8 @@ def parse_item(text: str, warmup_s: float = 10.0, prime: str | None = None) -> I
         raise UsageError(f"recording '{text}': from= cannot follow a prime recording "
                          "(score-from= scores a later span of the whole recording)")
     for p in (item.path, item.prime, item.gt if item.gt != "still" else None):
-        if p and not os.path.exists(p):
-            raise UsageError(f"recording '{text}': {p}: no such file")
+        if p and not os.path.isfile(p):
+            raise RuntimeFailure(f"{p}: cannot open the file (recording '{text}')")
     return item
 
 
@@ -289,6 +295,13 @@ def evaluations_of(item: Item, role: str) -> list:
     if item.score_from_s is not None or item.score_to_s is not None:
         span += (f", scored {item.from_s if item.score_from_s is None else item.score_from_s:g}-"
                  f"{'end' if item.score_to_s is None else f'{item.score_to_s:g}'}")
+    t = events.arrays()["t_ns"]
+    length = (int(t[-1]) - int(t[0])) / 1e9 if len(t) else 0.0
+    first = item.from_s + item.warmup_s if item.score_from_s is None else item.score_from_s
+    last = min(length, *(v for v in (item.to_s, item.score_to_s) if v is not None))
+    if not first < last:
+        raise UsageError(f"recording '{item.text}': the scored span lies outside the replayed "
+                         f"events (scored from {first:g} s, events up to {last:g} s)")
     cold_score_from = item.score_from_s
     out = [Evaluation(item, role, False, events, truth, dict(
         from_s=item.from_s, to_s=item.to_s, gt_shift_ms=item.gt_shift_ms,
@@ -488,10 +501,10 @@ training and test, cold and warm. Each evaluation replays from the library's
 load-time state, exactly as qvn_replay does (sets written before and after
 initialisation).
 
-REC: EVENTS.csv[,from=S][,to=S][,score-from=S][,score-to=S][,gt=FILE|still]
-     [,gt-shift-ms=MS][,warmup=S][,prime=EVENTS.csv|none]
+REC: EVENTS.csv[,from=S][,to=S][,score-from=S][,score-to=S][,gt=FILE][,gt-shift-ms=MS][,warmup=S]
+     [,prime=EVENTS.csv|none]
   seconds from the recording's first event; gt.csv beside it by default;
-  gt=still: the phone does not move. With a prime (prime= or --prime) the item
+  gt=still: the phone does not move (no truth file). With a prime (prime= or --prime) the item
   is scored cold (alone) and warm (after the prime recording, in one life).
 Presets (combine): fusion (hwGyro 1), nogyro (hwGyro 0), calibration, conditioning.
 Exit codes: 0 done, 1 the search failed or found nothing, 2 bad command line or input.
@@ -515,6 +528,26 @@ def _nonneg(kind):
     return parse
 
 
+def _output(text):
+    if text not in OUTPUTS:
+        raise argparse.ArgumentTypeError(f"bad value '{text}' for --objective "
+                                         f"(one of {', '.join(OUTPUTS)})")
+    return text
+
+
+def _check_output(path: str) -> None:
+    """An output must be a regular file (or not exist yet) in an existing folder."""
+    kinds = ((os.path.isdir, "a folder"), (lambda p: stat.S_ISCHR(os.stat(p).st_mode),
+              "a character device"), (lambda p: stat.S_ISBLK(os.stat(p).st_mode),
+              "a block device"), (lambda p: stat.S_ISFIFO(os.stat(p).st_mode), "a FIFO"))
+    if os.path.exists(path):
+        for test, kind in kinds:
+            if test(path):
+                raise RuntimeFailure(f"cannot write {path}: it is {kind}")
+    elif not os.path.isdir(os.path.dirname(os.path.abspath(path))):
+        raise RuntimeFailure(f"cannot write {path}: no such folder")
+
+
 def parser() -> argparse.ArgumentParser:
     p = _Parser(prog="qvn_tune", description=HELP,
                 formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -526,7 +559,7 @@ def parser() -> argparse.ArgumentParser:
       help="NAME=LO:HI, NAME=LO:HI:log, NAME=LO:HI:int or NAME=V1|V2|...")
     a("--preset", action="append", default=[], metavar="P",
       help="fusion, nogyro, calibration, conditioning (repeatable or comma-separated)")
-    a("--objective", default="orientation", choices=OUTPUTS)
+    a("--objective", default="orientation", type=_output)
     a("--margin", type=_nonneg(float), default=0.5,
       help="degrees a training item may get worse than the default (default 0.5)")
     a("--max-tilt-rms", type=_nonneg(float),
@@ -593,6 +626,8 @@ def prepare(args):
         raise UsageError("--worker runs one worker")
     if not args.train:
         raise UsageError("no --train recording (see --help)")
+    for path in (args.out_set, args.out_c):
+        _check_output(path)
     presets = [p for v in args.preset for p in v.split(",") if p]
     ranges = preset_ranges(presets, args.hw_gyro) + list(args.range)
     if not ranges:

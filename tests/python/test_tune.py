@@ -112,7 +112,7 @@ def _search_args(recs, out, budget, seed=3):
     (["--train", "{walk}", "--preset", "fusion"], "preset fusion acts only with --hw-gyro 1"),
     (["--train", "{walk}", "--preset", "speed"], "unknown preset 'speed'"),
     (["--train", "{walk},upto=3", "--preset", "nogyro"], "bad item 'upto=3'"),
-    (["--train", "{walk},to=x", "--preset", "nogyro"], "bad value 'x' for to"),
+    (["--train", "{walk},to=x", "--preset", "nogyro"], "bad item 'to=x'"),
     (["--train", "{walk},from=3,prime={walk}", "--preset", "nogyro"], "from= cannot follow"),
     (["--train", "{bad}", "--preset", "nogyro"], "bad.csv:3"),
     (["--train", "{walk}", "--preset", "nogyro", "--budget", "-1"], "bad value '-1'"),

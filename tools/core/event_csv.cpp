@@ -1,10 +1,13 @@
-// Strict reader and writer of sensor event CSV files.
+// Strict reader of sensor event CSV files.
 #include "core/event_csv.h"
 
-#include <cerrno>
+#include <cfloat>
+#include <charconv>
 #include <cmath>
-#include <cstdlib>
-#include <fstream>
+
+#include <fast_float/fast_float.h>
+
+#include "core/checked.h"
 
 namespace qvn_tools {
 
@@ -40,28 +43,36 @@ std::vector<std::string> SplitCsvLine(const std::string &line) {
   return fields;
 }
 
-bool ParseInt64(const std::string &s, int64_t *out) {
-  if (s.empty()) return false;
-  char *end = nullptr;
-  errno = 0;
-  long long v = std::strtoll(s.c_str(), &end, 10);
-  if (*end != '\0' || end == s.c_str() || errno == ERANGE) return false;
-  *out = static_cast<int64_t>(v);
-  return true;
-}
-
-bool ParseDouble(const std::string &s, double *out) {
-  if (s.empty()) return false;
-  char *end = nullptr;
-  double v = std::strtod(s.c_str(), &end);
-  if (*end != '\0' || end == s.c_str()) return false;
+bool ParseInteger64(std::string_view s, int64_t *out) {
+  if (!s.empty() && s[0] == '+') s.remove_prefix(1);
+  if (s.empty() || s[0] == '+') return false;
+  int64_t v = 0;
+  auto r = std::from_chars(s.data(), s.data() + s.size(), v, 10);
+  if (r.ec != std::errc() || r.ptr != s.data() + s.size()) return false;
   *out = v;
   return true;
 }
 
+bool ParseNumber(std::string_view s, double *out, bool allow_nonfinite) {
+  if (!s.empty() && s[0] == '+') s.remove_prefix(1);
+  if (s.empty() || s[0] == '+') return false;
+  double v = 0;
+  auto r = fast_float::from_chars(s.data(), s.data() + s.size(), v);
+  // fast_float rounds a value beyond double to infinity: a finite spelling
+  // that is not a finite number.
+  if (r.ec != std::errc() || r.ptr != s.data() + s.size()) return false;
+  if (!allow_nonfinite && !std::isfinite(v)) return false;
+  *out = v;
+  return true;
+}
+
+bool ParseInt64(const std::string &s, int64_t *out) { return ParseInteger64(s, out); }
+
+bool ParseDouble(const std::string &s, double *out) { return ParseNumber(s, out, false); }
+
 namespace {
 
-bool ParseSensor(const std::string &s, Sensor *out) {
+bool ParseSensor(std::string_view s, Sensor *out) {
   static const Sensor kAll[] = {Sensor::kAcc, Sensor::kGyr, Sensor::kMag, Sensor::kCur};
   for (Sensor k : kAll) {
     if (s == SensorName(k)) {
@@ -72,63 +83,123 @@ bool ParseSensor(const std::string &s, Sensor *out) {
   return false;
 }
 
-std::string Where(const std::string &path, int line) {
-  return path + ":" + std::to_string(line) + ": ";
+std::string_view Trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r')) s.remove_suffix(1);
+  return s;
+}
+
+// Splits into at most max fields; returns the number of fields found
+// (counting past max).
+size_t SplitFields(std::string_view line, std::string_view *fields, size_t max) {
+  size_t n = 0, start = 0;
+  while (true) {
+    size_t comma = line.find(',', start);
+    std::string_view f = line.substr(start, comma == std::string_view::npos ? line.npos : comma - start);
+    if (n < max) fields[n] = Trim(f);
+    ++n;
+    if (comma == std::string_view::npos) return n;
+    start = comma + 1;
+  }
 }
 
 }  // namespace
 
-bool ReadEventCsv(const std::string &path, std::vector<Event> *events, std::string *error) {
-  events->clear();
-  std::ifstream in(path);
-  if (!in) {
-    *error = path + ": cannot open the file";
-    return false;
-  }
+bool EventReader::Open(const std::string &path, const EventCsvOptions &options,
+                       std::string *error) {
+  options_ = options;
+  return in_.Open(path, error);
+}
+
+void EventReader::OpenMemory(const char *data, size_t size, const std::string &name,
+                             const EventCsvOptions &options) {
+  options_ = options;
+  in_.OpenMemory(data, size, name);
+}
+
+bool EventReader::Fail(const std::string &message) {
+  error_ = in_.Where() + message;
+  return false;
+}
+
+bool EventReader::Next(Event *out) {
   static const char *const kColumns[] = {"t_ns", "sensor", "x", "y", "z"};
-  std::string text;
-  int line = 0;
-  while (std::getline(in, text)) {
-    ++line;
-    if (!text.empty() && text.back() == '\r') text.pop_back();
-    if (text.find_first_not_of(" \t") == std::string::npos || text[0] == '#') continue;
-    if (line == 1 && text.compare(0, 4, "t_ns") == 0) continue;  // header
-    std::vector<std::string> f = SplitCsvLine(text);
-    if (f.size() != 5) {
-      *error = Where(path, line) + "expected 5 fields t_ns,sensor,x,y,z but found " +
-               std::to_string(f.size()) + ": '" + text + "'";
-      events->clear();
-      return false;
+  std::string_view text;
+  while (in_.Next(&text)) {
+    std::string_view t = Trim(text);
+    if (t.empty() || t[0] == '#') continue;
+    if (in_.line() == 1 && t.substr(0, 4) == "t_ns") continue;  // header
+    std::string_view f[5];
+    size_t n = SplitFields(t, f, 5);
+    if (n != 5) {
+      return Fail("expected 5 fields t_ns,sensor,x,y,z but found " + std::to_string(n) + ": " +
+                  Quoted(text, 80));
     }
     Event e{};
-    e.line = line;
-    if (!ParseInt64(f[0], &e.t_ns)) {
-      *error = Where(path, line) + "t_ns '" + f[0] + "' is not an integer number of nanoseconds";
-      events->clear();
-      return false;
+    e.line = in_.line();
+    if (!ParseInteger64(f[0], &e.t_ns)) {
+      return Fail("column t_ns " + Quoted(f[0]) +
+                  " is not an integer number of nanoseconds (-2^63 .. 2^63-1)");
     }
     if (!ParseSensor(f[1], &e.sensor)) {
-      *error = Where(path, line) + "unknown sensor '" + f[1] + "' (expected acc, gyr, mag or cur)";
-      events->clear();
-      return false;
+      return Fail("column sensor: unknown sensor " + Quoted(f[1]) +
+                  " (expected acc, gyr, mag or cur)");
     }
     double *values[] = {&e.x, &e.y, &e.z};
     for (int k = 0; k < 3; ++k) {
-      if (!ParseDouble(f[2 + k], values[k])) {
-        *error =
-            Where(path, line) + "column " + kColumns[2 + k] + " '" + f[2 + k] + "' is not a number";
-        events->clear();
-        return false;
+      auto bad = [&](const char *why) {
+        return Fail(std::string("column ") + kColumns[2 + k] + " " + Quoted(f[2 + k]) + why);
+      };
+      if (!ParseNumber(f[2 + k], values[k], true)) return bad(" is not a number");
+      // A current is written to the power-supply file as an integer; y and z
+      // of a cur event are not used.
+      if (e.sensor == Sensor::kCur) {
+        if (k == 0 && !FitsInt64(e.x)) return bad(": a cur value must fit a 64-bit integer");
+        continue;
+      }
+      if (options_.allow_nonfinite) continue;
+      if (!std::isfinite(*values[k])) {
+        return bad(" is not a finite number (--allow-nonfinite passes such values on)");
+      }
+      if (std::fabs(*values[k]) > FLT_MAX) {
+        return bad(" is beyond the float32 range the library takes (|value| <= 3.4e38)");
       }
     }
-    events->push_back(e);
+    if (count_ > 0 && e.t_ns < last_t_ && !options_.allow_unsorted) {
+      return Fail("column t_ns: time " + std::to_string(e.t_ns) + " ns is earlier than line " +
+                  std::to_string(last_line_) + " (" + std::to_string(last_t_) +
+                  " ns): events must be in time order");
+    }
+    last_t_ = e.t_ns;
+    last_line_ = e.line;
+    ++count_;
+    *out = e;
+    return true;
   }
-  if (in.bad()) {
-    *error = path + ": read error";
-    events->clear();
-    return false;
+  if (!in_.error().empty()) error_ = in_.error();
+  return false;
+}
+
+bool ReadEventCsv(const std::string &path, const EventCsvOptions &options,
+                  std::vector<Event> *events, std::string *error) {
+  events->clear();
+  EventReader reader;
+  if (!reader.Open(path, options, error)) return false;
+  Event e;
+  while (reader.Next(&e)) events->push_back(e);
+  if (reader.error().empty() && events->empty()) {
+    *error = path + ": no events (the file is empty or holds only a header and comments)";
+  } else if (!reader.error().empty()) {
+    *error = reader.error();
+  } else {
+    return true;
   }
-  return true;
+  events->clear();
+  return false;
+}
+
+bool ReadEventCsv(const std::string &path, std::vector<Event> *events, std::string *error) {
+  return ReadEventCsv(path, EventCsvOptions(), events, error);
 }
 
 }  // namespace qvn_tools

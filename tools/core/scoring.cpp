@@ -1,6 +1,8 @@
 // Error statistics and lag of an attitude output against the truth.
 #include "core/scoring.h"
 
+#include "core/checked.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -31,7 +33,7 @@ RawErrors Collect(const std::vector<Estimate> &est, const OrientationTruth &trut
     Quat q;
     // Outside the truth (or across a gap in it) a step is neither scored nor
     // counted as invalid: the output is not at fault.
-    if (!truth.At(e.t_ns - w.lag_ns, &q)) continue;
+    if (!truth.At(SaturatingAdd(e.t_ns, -w.lag_ns), &q)) continue;
     double h = 0, t = 0;
     if (e.valid) HeadingTiltError(e.q, q, &h, &t);
     if (!e.valid || !std::isfinite(h) || !std::isfinite(t)) {

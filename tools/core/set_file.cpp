@@ -1,13 +1,15 @@
 // Reading and writing tunable sets: the set file and the host's C snippet.
 #include "core/set_file.h"
 
+#include "core/output_file.h"
+#include "core/text_input.h"
+
 #include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 
 namespace qvn_tools {
 namespace {
@@ -46,28 +48,42 @@ std::string Comment(const std::vector<std::string> &lines, const char *prefix) {
 
 }  // namespace
 
-bool ReadSetFile(const std::string &path, std::vector<Assignment> *out, std::string *error) {
-  std::ifstream in(path);
-  if (!in) {
-    *error = path + ": cannot open the file";
-    return false;
-  }
-  std::string text, why;
-  int line = 0;
-  while (std::getline(in, text)) {
-    ++line;
-    size_t hash = text.find('#');
-    if (hash != std::string::npos) text.resize(hash);
-    text = Trim(text);
+namespace {
+
+bool ReadSetLines(LineReader *in, std::vector<Assignment> *out, std::string *error,
+                  bool allow_nonfinite) {
+  std::string why;
+  std::string_view raw;
+  while (in->Next(&raw)) {
+    std::string text = Trim(std::string(raw.substr(0, raw.find('#'))));
     if (text.empty()) continue;
     Assignment a;
-    if (!ParseAssignment(text, &a, &why)) {
-      *error = path + ":" + std::to_string(line) + ": " + why;
+    if (!ParseAssignment(text, &a, &why, allow_nonfinite)) {
+      *error = in->Where() + why;
       return false;
     }
     out->push_back(a);
   }
+  if (!in->error().empty()) {
+    *error = in->error();
+    return false;
+  }
   return true;
+}
+
+}  // namespace
+
+bool ReadSetFile(const std::string &path, std::vector<Assignment> *out, std::string *error,
+                 bool allow_nonfinite) {
+  LineReader in;
+  return in.Open(path, error) && ReadSetLines(&in, out, error, allow_nonfinite);
+}
+
+bool ReadSetText(const char *data, size_t size, const std::string &name,
+                 std::vector<Assignment> *out, std::string *error, bool allow_nonfinite) {
+  LineReader in;
+  in.OpenMemory(data, size, name);
+  return ReadSetLines(&in, out, error, allow_nonfinite);
 }
 
 std::string FormatAssignment(const Assignment &a) {
@@ -101,16 +117,13 @@ std::string CSnippetText(const std::vector<Assignment> &set,
 }
 
 bool WriteTextFile(const std::string &path, const std::string &text, std::string *error) {
-  std::string tmp = path + ".partial";
-  FILE *f = std::fopen(tmp.c_str(), "w");
-  bool ok = f != nullptr && std::fputs(text.c_str(), f) >= 0;
-  if (f != nullptr) ok = (std::fclose(f) == 0) && ok;
-  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
+  OutputFile out;
+  if (!out.Open(path, error)) return false;
+  if (std::fputs(text.c_str(), out.file()) < 0) {
     *error = "cannot write " + path + ": " + std::strerror(errno);
-    unlink(tmp.c_str());
     return false;
   }
-  return true;
+  return out.Commit(error);
 }
 
 }  // namespace qvn_tools

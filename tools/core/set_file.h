@@ -14,7 +14,11 @@ namespace qvn_tools {
 
 // Appends the file's assignments to *out. On failure returns false with
 // "<path>:<line>: ..." in *error.
-bool ReadSetFile(const std::string &path, std::vector<Assignment> *out, std::string *error);
+bool ReadSetFile(const std::string &path, std::vector<Assignment> *out, std::string *error,
+                 bool allow_nonfinite = false);
+// The same from text in memory; name is used in messages.
+bool ReadSetText(const char *data, size_t size, const std::string &name,
+                 std::vector<Assignment> *out, std::string *error, bool allow_nonfinite = false);
 
 // "NAME=VALUE" (or NAME[i]=VALUE) of one assignment, with the value as stored.
 std::string FormatAssignment(const Assignment &a);
@@ -29,7 +33,8 @@ std::string SetFileText(const std::vector<Assignment> &set,
 std::string CSnippetText(const std::vector<Assignment> &set,
                          const std::vector<std::string> &comment);
 
-// Writes text to path (through a temporary renamed into place).
+// Writes text to path (through a temporary renamed into place); path must be
+// a regular file or not exist yet (see output_file.h).
 bool WriteTextFile(const std::string &path, const std::string &text, std::string *error);
 
 }  // namespace qvn_tools

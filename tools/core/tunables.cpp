@@ -12,6 +12,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "core/event_csv.h"
 #include "tunable_list.inc"  // generated: subsystem headers + QVN_FOR_EACH_TUNABLE
 
 namespace qvn_tools {
@@ -99,11 +100,11 @@ bool ParseInteger(const std::string &text, uint64_t *bits, std::string *error) {
     v = static_cast<T>(x);
   }
   if (end == s || *end != '\0') {
-    *error = "'" + text + "' is not an integer";
+    *error = Quoted(text) + " is not an integer";
     return false;
   }
   if (!in_range) {
-    *error = "'" + text + "' is out of range [" + std::to_string(+std::numeric_limits<T>::min()) +
+    *error = Quoted(text) + " is out of range [" + std::to_string(+std::numeric_limits<T>::min()) +
              ", " + std::to_string(+std::numeric_limits<T>::max()) + "]";
     return false;
   }
@@ -130,7 +131,8 @@ const char *TypeName(ScalarType t) {
   return kNames[static_cast<int>(t)];
 }
 
-bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::string *error) {
+bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::string *error,
+                 bool allow_nonfinite) {
   if (text.empty()) {
     *error = "the value is empty";
     return false;
@@ -142,7 +144,15 @@ bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::str
       // literal in the library's source would be.
       float f = std::strtof(text.c_str(), &end);
       if (end == text.c_str() || *end != '\0') {
-        *error = "'" + text + "' is not a number";
+        *error = Quoted(text) + " is not a number";
+        return false;
+      }
+      if (!allow_nonfinite && !std::isfinite(f)) {
+        double d = 0;
+        *error = Quoted(text) + " " +
+                 (ParseDouble(text, &d) ? "is beyond the float32 range (|value| <= 3.4e38)"
+                                        : "is not a finite number") +
+                 " (--allow-nonfinite passes such values on)";
         return false;
       }
       *bits = 0;
@@ -170,10 +180,11 @@ bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::str
   return false;
 }
 
-bool ParseAssignment(const std::string &text, Assignment *out, std::string *error) {
+bool ParseAssignment(const std::string &text, Assignment *out, std::string *error,
+                     bool allow_nonfinite) {
   size_t eq = text.find('=');
   if (eq == std::string::npos || eq == 0) {
-    *error = "'" + text + "' is not of the form NAME=VALUE";
+    *error = Quoted(text) + " is not of the form NAME=VALUE";
     return false;
   }
   std::string lhs = text.substr(0, eq);
@@ -184,7 +195,7 @@ bool ParseAssignment(const std::string &text, Assignment *out, std::string *erro
   std::string name = lhs.substr(0, pos);
   const TunableInfo *info = FindTunable(name);
   if (info == nullptr) {
-    *error = "unknown tunable '" + name + "' (--list-tunables shows every name)";
+    *error = "unknown tunable " + Quoted(name) + " (--list-tunables shows every name)";
     return false;
   }
   Assignment a;
@@ -212,14 +223,14 @@ bool ParseAssignment(const std::string &text, Assignment *out, std::string *erro
     // A scalar takes no index at all.
     if (!ok || pos != lhs.size() || i >= info->count() || info->count() == 1) {
       *error = "tunable '" + name + "' (" + TypeName(info->type) + ", " +
-               std::to_string(info->count()) + " element(s)): bad index in '" + lhs + "'";
+               std::to_string(info->count()) + " element(s)): bad index in " + Quoted(lhs);
       return false;
     }
     a.first = i;
     a.count = 1;
   }
   std::string why;
-  if (!ParseScalar(text.substr(eq + 1), info->type, &a.bits, &why)) {
+  if (!ParseScalar(text.substr(eq + 1), info->type, &a.bits, &why, allow_nonfinite)) {
     *error = "tunable '" + name + "' (" + TypeName(info->type) + "): " + why;
     return false;
   }

@@ -44,10 +44,15 @@ struct Assignment {
 // Parses "NAME=VALUE", "NAME[i]=VALUE", "NAME[i][j]=VALUE" or "NAME.x=VALUE".
 // A name without an index on an array sets every element. On failure returns
 // false and says why in *error (naming the tunable or the value).
-bool ParseAssignment(const std::string &text, Assignment *out, std::string *error);
+// allow_nonfinite lets a float take nan, inf or a value beyond float32 (as
+// inf), to see what the library makes of it; otherwise they are refused.
+bool ParseAssignment(const std::string &text, Assignment *out, std::string *error,
+                     bool allow_nonfinite = false);
 
-// Parses a value for one element of type t. Integers must fit the type.
-bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::string *error);
+// Parses a value for one element of type t. Integers must fit the type,
+// floats be finite and within float32 unless allow_nonfinite.
+bool ParseScalar(const std::string &text, ScalarType t, uint64_t *bits, std::string *error,
+                 bool allow_nonfinite = false);
 
 // Writes the assignment into the variable whose first byte is at base.
 void Apply(const Assignment &a, void *base);

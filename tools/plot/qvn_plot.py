@@ -47,15 +47,19 @@ def read_truth(path):
     pitch = atan2(-R21, R22) in (-180, 180], roll = asin(R20) in [-90, 90]."""
     t, az, pitch, roll = [], [], [], []
     with open(path, newline="") as f:
-        for row in csv.DictReader(f):
-            w, x, y, z = (float(row[k]) for k in ("qw", "qx", "qy", "qz"))
+        for line, row in enumerate(csv.DictReader(f), start=2):
+            try:
+                w, x, y, z = (float(row[k]) for k in ("qw", "qx", "qy", "qz"))
+                t_ns = float(row["t_ns"])
+            except (KeyError, TypeError, ValueError):
+                raise ValueError(f"{path}:{line}: expected t_ns,qw,qx,qy,qz numbers")
             # Rotation matrix rows (world east, north, up) of the phone axes.
             r01 = 2 * (x * y - w * z)
             r11 = 1 - 2 * (x * x + z * z)
             r21 = 2 * (y * z + w * x)
             r20 = 2 * (x * z - w * y)
             r22 = 1 - 2 * (x * x + y * y)
-            t.append(float(row["t_ns"]))
+            t.append(t_ns)
             az.append(math.degrees(math.atan2(r01, r11)) % 360.0)
             pitch.append(math.degrees(math.atan2(-r21, r22)))
             roll.append(math.degrees(math.asin(max(-1.0, min(1.0, r20)))))
@@ -224,10 +228,27 @@ def main(argv):
             cand = os.path.join(os.path.dirname(args.events), "gt.csv")
             gt = cand if os.path.exists(cand) else None
         truth = read_truth(gt) if gt else None
-    except (OSError, ValueError, KeyError) as e:
+    except (ValueError, KeyError, TypeError) as e:
         print(f"qvn_plot: {e}", file=sys.stderr)
         return 2
+    except OSError as e:
+        print(f"qvn_plot: {e}", file=sys.stderr)
+        return 1
+    try:
+        return write_figures(plt, args, steps, errors, truth)
+    except OSError as e:
+        print(f"qvn_plot: cannot write the figures in {args.out_dir}: {e.strerror or e}",
+              file=sys.stderr)
+        return 1
+
+
+def write_figures(plt, args, steps, errors, truth):
     os.makedirs(args.out_dir, exist_ok=True)
+    # Figures replace regular files only: never a device, FIFO or folder.
+    for name in ("field_clouds.png", "field_accuracy.png", "orientation.png", "errors.png"):
+        path = os.path.join(args.out_dir, name)
+        if os.path.lexists(path) and not os.path.isfile(path):
+            raise OSError(f"{path} is not a regular file")
     outs = []
     if steps is not None:
         outs = [os.path.join(args.out_dir, n) for n in ("field_clouds.png", "field_accuracy.png", "orientation.png")]

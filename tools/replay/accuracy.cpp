@@ -6,11 +6,12 @@
 #include <cstring>
 
 #include "core/attitude.h"
+#include "core/checked.h"
+#include "core/output_file.h"
 
 namespace qvn_tools {
 namespace {
 
-constexpr double kNsPerS = 1e9;
 
 const char *const kNames[kScoredCount] = {"orientation", "rv", "game_rv", "geomag", "qfusion"};
 const char *const kLabels[kScoredCount] = {"Orientation", "RotationVector", "GameRotationVector",
@@ -83,9 +84,9 @@ std::vector<Estimate> EstimatesOf(const std::vector<StepRow> &rows, int output, 
 
 void ScoringWindow(int64_t file_t0_ns, int64_t replay_t0_ns, double warmup_s, double score_from_s,
                    double score_to_s, int64_t *from_ns, int64_t *to_ns) {
-  auto at = [](int64_t t0, double s) { return t0 + static_cast<int64_t>(s * kNsPerS); };
-  *from_ns = score_from_s >= 0 ? at(file_t0_ns, score_from_s) : at(replay_t0_ns, warmup_s);
-  *to_ns = score_to_s >= 0 ? at(file_t0_ns, score_to_s) : INT64_MAX;
+  *from_ns = score_from_s >= 0 ? AddSeconds(file_t0_ns, score_from_s)
+                               : AddSeconds(replay_t0_ns, warmup_s);
+  *to_ns = score_to_s >= 0 ? AddSeconds(file_t0_ns, score_to_s) : INT64_MAX;
 }
 
 AccuracyReport ScoreRun(const std::vector<StepRow> &rows, const OrientationTruth &truth,
@@ -115,7 +116,7 @@ void PrintAccuracy(const AccuracyReport &rep, int64_t t0_ns, FILE *out) {
   std::fprintf(out,
                "accuracy vs truth   outputs from +%.1f s%s; one constant heading offset removed "
                "per output; degrees\n",
-               w.from_ns == INT64_MIN ? 0.0 : static_cast<double>(w.from_ns - t0_ns) / kNsPerS,
+               w.from_ns == INT64_MIN ? 0.0 : SecondsBetween(t0_ns, w.from_ns),
                w.lag_ns != 0 ? " (truth shifted by the applied lag)" : "");
   std::fprintf(out, "  %-19s %6s %7s | %6s %6s %6s %6s | %6s %6s %6s | %8s\n", "output", "steps",
                "offset", "hRMS", "hMed", "h95", "hMax", "tRMS", "tMed", "t95", "lag ms");
@@ -141,17 +142,15 @@ void PrintAccuracy(const AccuracyReport &rep, int64_t t0_ns, FILE *out) {
 
 bool WriteErrorCsv(const std::string &path, const std::vector<StepRow> &rows,
                    const AccuracyReport &rep, int64_t t0_ns, std::string *error) {
-  FILE *f = std::fopen(path.c_str(), "w");
-  if (f == nullptr) {
-    *error = "cannot write " + path + ": " + std::strerror(errno);
-    return false;
-  }
+  OutputFile out;
+  if (!out.Open(path, error)) return false;
+  FILE *f = out.file();
   std::fprintf(f, "t_s,accuracy");
   for (int k = 0; k < kScoredCount; ++k)
     std::fprintf(f, ",%s_heading,%s_tilt", kNames[k], kNames[k]);
   std::fprintf(f, "\n");
   for (size_t i = 0; i < rows.size(); ++i) {
-    std::fprintf(f, "%.4f,%d", static_cast<double>(rows[i].t_ns - t0_ns) / kNsPerS,
+    std::fprintf(f, "%.4f,%d", SecondsBetween(t0_ns, rows[i].t_ns),
                  rows[i].cal.accuracy);
     for (int k = 0; k < kScoredCount; ++k) {
       const ErrorSeries &s = rep.out[k].series;
@@ -164,10 +163,7 @@ bool WriteErrorCsv(const std::string &path, const std::vector<StepRow> &rows,
     }
     std::fprintf(f, "\n");
   }
-  bool ok = std::ferror(f) == 0;
-  ok = (std::fclose(f) == 0) && ok;
-  if (!ok) *error = "cannot write " + path;
-  return ok;
+  return out.Commit(error);
 }
 
 }  // namespace qvn_tools

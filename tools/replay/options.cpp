@@ -10,170 +10,160 @@
 namespace qvn_tools {
 namespace {
 
-const char kHelp[] =
-    "usage: qvn_replay [options] EVENTS.csv\n"
-    "\n"
+constexpr double kMaxSeconds = 1e9;    // about 31 years: any recording
+constexpr double kMaxShiftMs = 1e9;    // about 11 days either way
+const char kDescription[] =
     "Replays sensor events through libqvnlib the way the sensor service calls it:\n"
     "QVN_CaliInitLib with a chip description, QVN_FusionEnableLib(1), then for each\n"
-    "event in file order: acc -> QVN_CaliApiSetAccelData, gyr -> QVN_CaliApiSetGyroData,\n"
+    "event in time order: acc -> QVN_CaliApiSetAccelData, gyr -> QVN_CaliApiSetGyroData,\n"
     "mag -> QVN_CaliApiSetMagData + QVN_DoCaliAPI followed by all seven QVN_FusionGet*.\n"
     "The library is loaded with dlopen and driven only through MAG_LIB_API_INTERFACE.\n"
     "\n"
     "EVENTS.csv: t_ns,sensor,x,y,z with sensor acc (m/s^2), gyr (rad/s), mag (uT)\n"
-    "or cur (battery current as the power-supply file reports it, in x).\n"
-    "\n"
-    "options:\n"
-    "  --lib PATH           library to load (default: $QVN_LIBRARY, the installed copy\n"
-    "                       beside this tool, then the build tree's libqvnlib.so)\n"
-    "  --hw-gyro 0|1        ChipInfo.hwGyro: 1 runs fusion per gyroscope sample,\n"
-    "                       0 per magnetometer sample with the soft gyroscope (default 0)\n"
-    "  --hwname NAME        ro.boot.hwname before init; it selects the device variant\n"
-    "                       (\"vask...\" = NFC variant; default: unset)\n"
-    "  --set NAME=VALUE     write an exported variable, with its own type, by name;\n"
-    "                       NAME[i]=VALUE for one element (NAME[i][j], NAME.x too);\n"
-    "                       repeatable. Values are written before QVN_CaliInitLib and\n"
-    "                       again right after it: initialisation copies tunables into\n"
-    "                       working variables, and the device profile overwrites its\n"
-    "                       own set of tunables during init, so the second write is\n"
-    "                       what makes those take your value (working copies derived\n"
-    "                       from them at init keep the profile's; set those by name)\n"
-    "  --set-file FILE      the assignments of FILE (NAME=VALUE lines, '#' comments,\n"
-    "                       as qvn_tune writes them), in order with the --set options\n"
-    "  --list-tunables      print every exported variable (type, shape, value after\n"
-    "                       init and --set) and exit\n"
-    "  --log-level LEVEL    library log to stderr from LEVEL up: verbose, debug, info,\n"
-    "                       warn, error or silent (default silent)\n"
-    "  --out FILE.csv       one row per calibration step: time, raw and calibrated\n"
-    "                       field, offset, accuracy, orientation, rotation vector, game\n"
-    "                       and geomagnetic rotation vectors, gravity, linear\n"
-    "                       acceleration, virtual gyroscope, fusion time\n"
-    "  --sysfs-root DIR     read the power-supply files under DIR (default: a private\n"
-    "                       empty-battery folder, so this machine's battery never leaks in)\n"
-    "  --charging-current N battery current in the private folder (default 0; the\n"
-    "                       library compensates from 100000 up); cur events change it\n"
-    "  --skip-early-gyro    drop gyroscope events before the first magnetometer event\n"
-    "                       (the host order that keeps the hwGyro 1 quaternion finite)\n"
-    "  --reinit-on-nan      after a step whose attitude outputs are not finite, call\n"
-    "                       QVN_CaliInitLib again (with the sets), as a host could\n"
-    "  --from S, --to S     replay only events from S to S seconds after the file's\n"
-    "                       first event (default: all), from a fresh library\n"
-    "  --gt FILE            true orientation t_ns,qw,qx,qy,qz (phone to east-north-up)\n"
-    "                       for heading errors (default: gt.csv beside EVENTS.csv)\n"
-    "  --gt-shift-ms MS     add MS to the ground truth times (default 0)\n"
-    "  --warmup S           score outputs from S seconds after the first replayed event\n"
-    "                       (default 10: calibration and start-up ramp)\n"
-    "  --score-from S, --score-to S\n"
-    "                       score only outputs from S to S seconds after the file's\n"
-    "                       first event (replaying from --from as before; --score-from\n"
-    "                       replaces --warmup)\n"
-    "  --errors-out FILE    per-step heading and tilt errors of every output (CSV, for\n"
-    "                       qvn_plot --errors)\n"
-    "  --no-lag             do not estimate each output's lag (faster)\n"
-    "  --truth FILE         simulator truth (offset_uT, soft_iron; default: truth.txt\n"
-    "                       beside EVENTS.csv)\n"
-    "  --no-truth           ignore ground truth files beside EVENTS.csv\n"
-    "  --no-summary         do not print the summary\n"
-    "  --help               this text\n"
-    "\n"
-    "Exit status: 0 done, 1 the library or a file could not be used, 2 bad options or\n"
-    "input (the message names the line or the name).\n";
+    "or cur (battery current as the power-supply file reports it, in x); times in\n"
+    "order, finite values. The file is read as it is replayed: memory does not grow\n"
+    "with its length unless it is scored against ground truth or sorted.";
+const char kFooter[] =
+    "Exit status: 0 done, 1 the library or a file could not be used (a missing or\n"
+    "unreadable input, an output that is not a regular file), 2 bad options or bad\n"
+    "input (the message names the file, line, column and value, or the option).";
 
-bool TakesValue(const std::string &option) {
-  static const char *const kOptions[] = {
-      "--lib",        "--hw-gyro",     "--hwname",     "--set",
-      "--log-level",  "--out",         "--sysfs-root", "--charging-current",
-      "--gt",         "--gt-shift-ms", "--truth",      "--set-file",
-      "--from",       "--to",          "--warmup",     "--errors-out",
-      "--score-from", "--score-to"};
-  for (const char *o : kOptions) {
-    if (option == o) return true;
-  }
-  return false;
-}
-
-// Returns -1 when the options are good, else the exit code.
 }  // namespace
 
 int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    auto value = [&](std::string *v) {
-      if (i + 1 >= argc) return false;
-      *v = argv[++i];
-      return true;
-    };
-    std::string v, error;
-    if (a == "--help" || a == "-h") {
-      std::fputs(kHelp, stdout);
-      return 0;
-    } else if (a == "--list-tunables") {
-      o->list = true;
-    } else if (a == "--skip-early-gyro") {
-      o->skip_early_gyro = true;
-    } else if (a == "--no-truth") {
-      o->no_truth = true;
-    } else if (a == "--no-summary") {
-      o->summary = false;
-    } else if (a == "--reinit-on-nan") {
-      o->reinit_on_nan = true;
-    } else if (a == "--no-lag") {
-      o->lag = false;
-    } else if (a.rfind("--", 0) == 0 && !TakesValue(a)) {
-      return ReplayFail(kExitUsage, "unknown option " + a + " (see --help)");
-    } else if (a.rfind("--", 0) == 0 && !value(&v)) {
-      return ReplayFail(kExitUsage, a + " needs a value");
-    } else if (a == "--lib") {
-      o->lib = v;
-    } else if (a == "--hw-gyro") {
-      if (v != "0" && v != "1")
-        return ReplayFail(kExitUsage, "--hw-gyro takes 0 or 1, not '" + v + "'");
-      o->hw_gyro = v[0] - '0';
-    } else if (a == "--hwname") {
-      o->hwname = v;
-      o->hwname_set = true;
-    } else if (a == "--set") {
+  CLI::App app(kDescription, "qvn_replay");
+  app.footer(kFooter);
+  SetUpApp(&app, "qvn_replay " QVN_VERSION);
+  app.add_option("EVENTS.csv", o->events, "the recorded events")->type_name("");
+  app.add_option("--lib", o->lib,
+                 "library to load (default: $QVN_LIBRARY, the installed copy beside this tool, "
+                 "then the build tree's libqvnlib.so)")
+      ->type_name("PATH");
+  app.add_option("--hw-gyro", o->hw_gyro,
+                 "ChipInfo.hwGyro: 1 runs fusion per gyroscope sample, 0 per magnetometer "
+                 "sample with the soft gyroscope (default 0)")
+      ->type_name("0|1")
+      ->check(IntegerIn(0, 1));
+  app.add_option("--hwname", o->hwname,
+                 "ro.boot.hwname before init; it selects the device variant (\"vask...\" = NFC "
+                 "variant; default: unset)")
+      ->type_name("NAME");
+  CLI::Option *set = app.add_option(
+      "--set", "write an exported variable, with its own type, by name: NAME=VALUE, "
+               "NAME[i]=VALUE for one element (NAME[i][j], NAME.x too); repeatable. Written "
+               "before QVN_CaliInitLib and again right after it, because the device profile "
+               "overwrites its own tunables during init (working copies derived from them at "
+               "init keep the profile's; set those by name)");
+  set->type_name("NAME=VALUE")->allow_extra_args(false)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  CLI::Option *set_file = app.add_option(
+      "--set-file", "the assignments of FILE (NAME=VALUE lines, '#' comments, as qvn_tune "
+                    "writes them), in order with the --set options");
+  set_file->type_name("FILE")->allow_extra_args(false)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_flag("--list-tunables", o->list,
+               "print every exported variable (type, shape, value after init and --set) and "
+               "exit");
+  std::string level = "silent";
+  app.add_option("--log-level", level,
+                 "library log to stderr from LEVEL up: verbose, debug, info, warn, error or "
+                 "silent (default silent)")
+      ->type_name("LEVEL");
+  app.add_option("--out", o->out,
+                 "one row per calibration step (tools/README.md lists the columns): time, raw "
+                 "and calibrated field, offset, accuracy, orientation, rotation vectors, "
+                 "gravity, linear acceleration, virtual gyroscope, fusion time. A regular file, "
+                 "new or existing, replaced only when the replay succeeds")
+      ->type_name("FILE.csv");
+  app.add_option("--sysfs-root", o->sysfs_root,
+                 "read the power-supply files under DIR (default: a private empty-battery "
+                 "folder, so this machine's battery never leaks in)")
+      ->type_name("DIR");
+  CLI::Option *current =
+      app.add_option("--charging-current", o->current,
+                     "battery current in the private folder (default 0; the library "
+                     "compensates from 100000 up); cur events change it")
+          ->type_name("N")
+          ->check(IntegerIn(INT64_MIN, INT64_MAX));
+  app.add_flag("--skip-early-gyro", o->skip_early_gyro,
+               "drop gyroscope events before the first magnetometer event (the host order "
+               "that keeps the hwGyro 1 quaternion finite)");
+  app.add_flag("--reinit-on-nan", o->reinit_on_nan,
+               "after a step whose attitude outputs are not finite, call QVN_CaliInitLib again "
+               "(with the sets), as a host could");
+  app.add_flag("--allow-nonfinite", o->allow_nonfinite,
+               "hand nan, inf and values beyond float32 in EVENTS.csv and --set to the library "
+               "as they stand (robustness tests); refused by default");
+  app.add_flag("--sort", o->sort,
+               "sort the events by time (stable) before replaying; holds them all in memory. "
+               "By default events out of time order are refused");
+  app.add_flag("--keep-order", o->keep_order,
+               "replay events out of time order as they stand (robustness tests)");
+  app.add_option("--from", o->from_s,
+                 "replay only events from S seconds after the file's first event, from a "
+                 "fresh library (default 0)")
+      ->type_name("S")
+      ->check(NumberIn(0, kMaxSeconds, "seconds"));
+  app.add_option("--to", o->to_s, "... up to S seconds after the file's first event (default: the end)")
+      ->type_name("S")
+      ->check(NumberIn(0, kMaxSeconds, "seconds"));
+  app.add_option("--gt", o->gt,
+                 "true orientation t_ns,qw,qx,qy,qz (phone to east-north-up) for heading "
+                 "errors (default: gt.csv beside EVENTS.csv)")
+      ->type_name("FILE");
+  app.add_option("--gt-shift-ms", o->gt_shift_ms, "add MS to the ground truth times (default 0)")
+      ->type_name("MS")
+      ->check(NumberIn(-kMaxShiftMs, kMaxShiftMs, "milliseconds"));
+  app.add_option("--warmup", o->warmup_s,
+                 "score outputs from S seconds after the first replayed event (default 10: "
+                 "calibration and start-up ramp)")
+      ->type_name("S")
+      ->check(NumberIn(0, kMaxSeconds, "seconds"));
+  app.add_option("--score-from", o->score_from_s,
+                 "score only outputs from S seconds after the file's first event (replaying "
+                 "from --from as before; replaces --warmup)")
+      ->type_name("S")
+      ->check(NumberIn(0, kMaxSeconds, "seconds"));
+  app.add_option("--score-to", o->score_to_s,
+                 "... up to S seconds after the file's first event")
+      ->type_name("S")
+      ->check(NumberIn(0, kMaxSeconds, "seconds"));
+  app.add_option("--errors-out", o->errors_out,
+                 "per-step heading and tilt errors of every output (CSV, for qvn_plot --errors)")
+      ->type_name("FILE.csv");
+  app.add_flag("!--no-lag", o->lag, "do not estimate each output's lag (faster)");
+  app.add_option("--truth", o->truth,
+                 "simulator truth (offset_uT, soft_iron; default: truth.txt beside EVENTS.csv)")
+      ->type_name("FILE");
+  app.add_flag("--no-truth", o->no_truth, "ignore ground truth files beside EVENTS.csv");
+  app.add_flag("!--no-summary", o->summary, "do not print the summary");
+
+  int code = ParseCommandLine(&app, argc, argv);
+  if (code >= 0) return code;
+  o->hwname_set = app.count("--hwname") > 0;
+  o->window_set = app.count("--warmup") + app.count("--score-from") + app.count("--score-to") > 0;
+  o->current_set = current->count() > 0;
+  if (!ParseLogLevel(level, &o->log_priority))
+    return ReplayFail(kExitUsage, "unknown --log-level " + Quoted(level) + " (see --help)");
+  // --set and --set-file in the order given; values parsed now that
+  // --allow-nonfinite is known.
+  for (const auto &[which, value] : InOrder(app, {set, set_file})) {
+    std::string error;
+    if (which == 0) {
       Assignment s;
-      if (!ParseAssignment(v, &s, &error)) return ReplayFail(kExitUsage, "--set: " + error);
+      if (!ParseAssignment(value, &s, &error, o->allow_nonfinite))
+        return ReplayFail(kExitUsage, "--set: " + error);
       o->sets.push_back(s);
-    } else if (a == "--set-file") {
-      if (!ReadSetFile(v, &o->sets, &error)) return ReplayFail(kExitUsage, "--set-file: " + error);
-    } else if (a == "--from" || a == "--to" || a == "--warmup") {
-      double *d = a == "--from" ? &o->from_s : (a == "--to" ? &o->to_s : &o->warmup_s);
-      if (!ParseDouble(v, d) || *d < 0)
-        return ReplayFail(kExitUsage, a + " takes seconds >= 0, not '" + v + "'");
-    } else if (a == "--score-from" || a == "--score-to") {
-      double *d = a == "--score-from" ? &o->score_from_s : &o->score_to_s;
-      if (!ParseDouble(v, d) || *d < 0)
-        return ReplayFail(kExitUsage, a + " takes seconds >= 0, not '" + v + "'");
-    } else if (a == "--errors-out") {
-      o->errors_out = v;
-    } else if (a == "--log-level") {
-      if (!ParseLogLevel(v, &o->log_priority))
-        return ReplayFail(kExitUsage, "unknown --log-level '" + v + "'");
-    } else if (a == "--out") {
-      o->out = v;
-    } else if (a == "--sysfs-root") {
-      o->sysfs_root = v;
-    } else if (a == "--charging-current") {
-      if (!ParseInt64(v, &o->current))
-        return ReplayFail(kExitUsage, "--charging-current '" + v + "' is not an integer");
-      o->current_set = true;
-    } else if (a == "--gt") {
-      o->gt = v;
-    } else if (a == "--gt-shift-ms") {
-      if (!ParseDouble(v, &o->gt_shift_ms))
-        return ReplayFail(kExitUsage, "--gt-shift-ms '" + v + "' is not a number");
-    } else if (a == "--truth") {
-      o->truth = v;
-    } else if (o->events.empty()) {
-      o->events = a;
-    } else {
-      return ReplayFail(kExitUsage,
-                        "more than one events file given: '" + o->events + "' and '" + a + "'");
+    } else if (!ReadSetFile(value, &o->sets, &error, o->allow_nonfinite)) {
+      // A file that cannot be opened is a file problem, a bad line bad input.
+      return ReplayFail(error.find(": cannot open") != std::string::npos ? kExitRuntime : kExitUsage,
+                        "--set-file: " + error);
     }
   }
   if (o->to_s >= 0 && o->to_s <= o->from_s)
     return ReplayFail(kExitUsage, "--to must come after --from");
+  if (o->score_to_s >= 0 && o->score_from_s >= 0 && o->score_to_s <= o->score_from_s)
+    return ReplayFail(kExitUsage, "--score-to must come after --score-from");
+  if (o->sort && o->keep_order)
+    return ReplayFail(kExitUsage, "--sort and --keep-order exclude each other");
   if (o->events.empty() && !o->list)
     return ReplayFail(kExitUsage, "no events file given (see --help)");
   if (!o->sysfs_root.empty() && o->current_set) {

@@ -8,12 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "core/cli.h"
 #include "core/tunables.h"
 
 namespace qvn_tools {
-
-constexpr int kExitRuntime = 1;  // the library or a file could not be used
-constexpr int kExitUsage = 2;    // bad options or bad input
 
 struct ReplayOptions {
   std::string events, lib, hwname, out, sysfs_root, gt, truth, errors_out;
@@ -28,10 +26,14 @@ struct ReplayOptions {
   double warmup_s = 10;                       // not scored after the first replayed event
   double score_from_s = -1, score_to_s = -1;  // scored span, from the file's first event
   std::vector<Assignment> sets;               // --set and --set-file, in command-line order
+  bool allow_nonfinite = false;               // non-finite inputs and sets reach the library
+  bool sort = false;                          // events sorted by time before the replay
+  bool keep_order = false;                    // events out of time order replayed as they stand
+  bool window_set = false;                    // --warmup, --score-from or --score-to given
 };
 
 // Parses argv. Returns -1 when the options are good, else the exit code
-// (0 after --help), having printed the reason on stderr.
+// (0 after --help or --version), having printed the reason on stderr.
 int ParseReplayOptions(int argc, char **argv, ReplayOptions *o);
 
 // Prints "qvn_replay: message" on stderr and returns code.

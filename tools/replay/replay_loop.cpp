@@ -2,6 +2,9 @@
 // sensor service makes its calls.
 #include "replay/replay_loop.h"
 
+#include "core/checked.h"
+#include "core/output_file.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,7 +19,6 @@ namespace {
 
 // Host status handed with every sample; the library only logs it.
 constexpr int32_t kHostSampleStatus = 3;
-constexpr int kMaxOrderWarnings = 5;
 
 SensorEvent ToSensorEvent(const Event &e) {
   SensorEvent s;
@@ -43,34 +45,23 @@ bool AllFinite(const StepRow &r, bool with_qfusion) {
   return true;
 }
 
-class ProgressBar {
- public:
-  ProgressBar(bool enabled, size_t total) : enabled_(enabled), total_(total) {}
-  ~ProgressBar() {
-    if (enabled_ && shown_ >= 0) std::fprintf(stderr, "\r%*s\r", 60, "");
-  }
-  void Update(size_t done) {
-    if (!enabled_ || total_ == 0) return;
-    int percent = static_cast<int>(done * 100 / total_);
-    if (percent == shown_) return;
-    shown_ = percent;
-    constexpr int kWidth = 40;
-    int filled = percent * kWidth / 100;
-    std::fprintf(stderr, "\rreplaying [%.*s%*s] %3d%%", filled,
-                 "########################################", kWidth - filled, "", percent);
-    std::fflush(stderr);
-  }
-
- private:
-  bool enabled_;
-  size_t total_;
-  int shown_ = -1;
-};
-
 }  // namespace
+
+void WarnEarlyGyro(const std::string &path, int line, FILE *out) {
+  std::fprintf(
+      out,
+      "%s:%d: warning: with --hw-gyro 1 this gyroscope event runs a fusion step before "
+      "the first magnetometer event, while the start-up ramp length is still 0: the fusion "
+      "weights become 0/0 and the quaternion stays NaN for good. A sensor service avoids "
+      "this by handing the first magnetometer sample (SetMagData + DoCaliAPI) to the "
+      "library before any gyroscope sample; --skip-early-gyro replays that order, "
+      "--reinit-on-nan the other remedy (see docs/accuracy.md).\n",
+      path.c_str(), line);
+}
 
 void WarnAboutInput(const std::string &path, const std::vector<Event> &events, int hw_gyro,
                     bool skip_early_gyro, FILE *out) {
+  constexpr size_t kMaxOrderWarnings = 5;
   size_t backwards = 0;
   for (size_t i = 1; i < events.size(); ++i) {
     if (events[i].t_ns >= events[i - 1].t_ns) continue;
@@ -89,15 +80,7 @@ void WarnAboutInput(const std::string &path, const std::vector<Event> &events, i
   for (const Event &e : events) {
     if (e.sensor == Sensor::kMag) break;
     if (e.sensor != Sensor::kGyr) continue;
-    std::fprintf(
-        out,
-        "%s:%d: warning: with --hw-gyro 1 this gyroscope event runs a fusion step before "
-        "the first magnetometer event, while the start-up ramp length is still 0: the fusion "
-        "weights become 0/0 and the quaternion stays NaN for good. A sensor service avoids "
-        "this by handing the first magnetometer sample (SetMagData + DoCaliAPI) to the "
-        "library before any gyroscope sample; --skip-early-gyro replays that order, "
-        "--reinit-on-nan the other remedy (see docs/accuracy.md).\n",
-        path.c_str(), e.line);
+    WarnEarlyGyro(path, e.line, out);
     break;
   }
 }
@@ -107,72 +90,80 @@ void CutEvents(std::vector<Event> *events, double from_s, double to_s) {
   int64_t t0 = events->front().t_ns;
   std::vector<Event> kept;
   for (const Event &e : *events) {
-    double s = static_cast<double>(e.t_ns - t0) / 1e9;
+    double s = SecondsBetween(t0, e.t_ns);
     if (s >= from_s && (to_s < 0 || s < to_s)) kept.push_back(e);
   }
   events->swap(kept);
 }
 
-bool RunReplay(const Library &lib, const std::vector<Event> &events, const ReplayConfig &config,
-               std::vector<StepRow> *rows, ReplayCounts *counts, std::string *error) {
+Replayer::Replayer(const Library &lib, const ReplayConfig &config) : lib_(lib), config_(config) {
   const QvnLibApiTable &api = lib.api();
-  QvnFusionGetFn getters[kFusionOutputCount];
-  getters[kOrientation] = api.QVN_FusionGetOrientation;
-  getters[kRotationVector] = api.QVN_FusionGetRotationVector;
-  getters[kGameRotationVector] = api.QVN_FusionGetGameRotationVector;
-  getters[kGeoMagnetic] = api.QVN_FusionGetGeoMagnetic;
-  getters[kGravity] = api.QVN_FusionGetGravity;
-  getters[kLinearAccel] = api.QVN_FusionGetLinearaccel;
-  getters[kVirtualGyro] = api.QVN_FusionGetVirtualGyro;
+  getters_[kOrientation] = api.QVN_FusionGetOrientation;
+  getters_[kRotationVector] = api.QVN_FusionGetRotationVector;
+  getters_[kGameRotationVector] = api.QVN_FusionGetGameRotationVector;
+  getters_[kGeoMagnetic] = api.QVN_FusionGetGeoMagnetic;
+  getters_[kGravity] = api.QVN_FusionGetGravity;
+  getters_[kLinearAccel] = api.QVN_FusionGetLinearaccel;
+  getters_[kVirtualGyro] = api.QVN_FusionGetVirtualGyro;
+  qfusion_ = static_cast<const float *>(lib.Symbol("Qfusion"));
+  orient_pre_ = static_cast<float *>(lib.Symbol("orient_pre"));
+}
 
-  const float *qfusion = static_cast<const float *>(lib.Symbol("Qfusion"));
-  float *orient_pre = static_cast<float *>(lib.Symbol("orient_pre"));
-  ProgressBar bar(config.progress, events.size());
-  bool seen_mag = false;
-  for (size_t i = 0; i < events.size(); ++i) {
-    const Event &e = events[i];
-    bar.Update(i);
-    SensorEvent s = ToSensorEvent(e);
-    counts->per_sensor[static_cast<int>(e.sensor)]++;
-    switch (e.sensor) {
-      case Sensor::kAcc:
-        api.QVN_CaliApiSetAccelData(&s);
-        break;
-      case Sensor::kGyr:
-        if (config.skip_early_gyro && !seen_mag) {
-          counts->skipped_gyro++;
-          break;
-        }
-        api.QVN_CaliApiSetGyroData(&s);
-        break;
-      case Sensor::kCur:
-        if (config.on_current && !config.on_current(static_cast<int64_t>(e.x), error)) return false;
-        break;
-      case Sensor::kMag: {
-        seen_mag = true;
-        StepRow row;
-        std::memset(&row, 0, sizeof row);
-        row.t_ns = e.t_ns;
-        row.raw[0] = s.x;
-        row.raw[1] = s.y;
-        row.raw[2] = s.z;
-        api.QVN_CaliApiSetMagData(&s);
-        api.QVN_DoCaliAPI(&s, &row.cal);
-        for (int k = 0; k < kFusionOutputCount; ++k) getters[k](&row.fusion[k]);
-        for (int k = 0; k < 4; ++k) row.qfusion[k] = qfusion != nullptr ? qfusion[k] : NAN;
-        rows->push_back(row);
-        if (config.reinit_on_nan && config.reinitialise && !AllFinite(row, qfusion != nullptr)) {
-          if (counts->reinits++ == 0) counts->first_reinit_ns = e.t_ns;
-          config.reinitialise();
-          // Initialisation leaves the azimuth moving average's memory alone; a
-          // NaN there would keep the orientation NaN and re-initialise forever.
-          if (orient_pre != nullptr && !std::isfinite(orient_pre[0])) orient_pre[0] = 0.0f;
-        }
+bool Replayer::Feed(const Event &e, StepRow *row, bool *stepped, std::string *error) {
+  const QvnLibApiTable &api = lib_.api();
+  *stepped = false;
+  SensorEvent s = ToSensorEvent(e);
+  counts_.per_sensor[static_cast<int>(e.sensor)]++;
+  switch (e.sensor) {
+    case Sensor::kAcc:
+      api.QVN_CaliApiSetAccelData(&s);
+      break;
+    case Sensor::kGyr:
+      if (config_.skip_early_gyro && !seen_mag_) {
+        counts_.skipped_gyro++;
         break;
       }
+      api.QVN_CaliApiSetGyroData(&s);
+      break;
+    case Sensor::kCur:
+      // The reader keeps cur values within int64; saturating all the same.
+      if (config_.on_current && !config_.on_current(SaturatingInt64(e.x), error)) return false;
+      break;
+    case Sensor::kMag: {
+      seen_mag_ = true;
+      std::memset(row, 0, sizeof *row);
+      row->t_ns = e.t_ns;
+      row->raw[0] = s.x;
+      row->raw[1] = s.y;
+      row->raw[2] = s.z;
+      api.QVN_CaliApiSetMagData(&s);
+      api.QVN_DoCaliAPI(&s, &row->cal);
+      for (int k = 0; k < kFusionOutputCount; ++k) getters_[k](&row->fusion[k]);
+      for (int k = 0; k < 4; ++k) row->qfusion[k] = qfusion_ != nullptr ? qfusion_[k] : NAN;
+      *stepped = true;
+      if (config_.reinit_on_nan && config_.reinitialise && !AllFinite(*row, qfusion_ != nullptr)) {
+        if (counts_.reinits++ == 0) counts_.first_reinit_ns = e.t_ns;
+        config_.reinitialise();
+        // Initialisation leaves the azimuth moving average's memory alone; a
+        // NaN there would keep the orientation NaN and re-initialise forever.
+        if (orient_pre_ != nullptr && !std::isfinite(orient_pre_[0])) orient_pre_[0] = 0.0f;
+      }
+      break;
     }
   }
-  bar.Update(events.size());
+  return true;
+}
+
+bool RunReplay(const Library &lib, const std::vector<Event> &events, const ReplayConfig &config,
+               std::vector<StepRow> *rows, ReplayCounts *counts, std::string *error) {
+  Replayer replayer(lib, config);
+  StepRow row;
+  bool stepped = false;
+  for (const Event &e : events) {
+    if (!replayer.Feed(e, &row, &stepped, error)) return false;
+    if (stepped) rows->push_back(row);
+  }
+  *counts = replayer.counts();
   return true;
 }
 
@@ -182,43 +173,26 @@ const char kStepCsvHeader[] =
     "geomag_rv_x,geomag_rv_y,geomag_rv_z,gravity_x,gravity_y,gravity_z,"
     "linear_x,linear_y,linear_z,vgyro_x,vgyro_y,vgyro_z,fusion_t_ns";
 
-bool WriteStepCsv(const std::string &path, const std::vector<StepRow> &rows, std::string *error) {
-  std::string tmp = path + ".partial.XXXXXX";
-  int fd = mkstemp(&tmp[0]);
-  if (fd < 0) {
-    *error = "cannot create " + tmp + ": " + std::strerror(errno);
-    return false;
-  }
-  fchmod(fd, 0644);  // mkstemp makes it private; the result is an ordinary file
-  FILE *f = fdopen(fd, "w");
-  if (f == nullptr) {
-    close(fd);
-    unlink(tmp.c_str());
-    *error = "cannot write " + tmp;
-    return false;
-  }
+void WriteStepRow(FILE *f, const StepRow &r) {
   // Values per fusion output in the column order of the header.
   static const int kValues[kFusionOutputCount] = {3, 4, 4, 3, 3, 3, 3};
-  std::fprintf(f, "%s\n", kStepCsvHeader);
-  for (const StepRow &r : rows) {
-    // %.9g round-trips every float32 exactly.
-    std::fprintf(f, "%" PRId64 ",%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%d", r.t_ns,
-                 double{r.raw[0]}, double{r.raw[1]}, double{r.raw[2]}, double{r.cal.x},
-                 double{r.cal.y}, double{r.cal.z}, double{r.cal.bias_x}, double{r.cal.bias_y},
-                 double{r.cal.bias_z}, r.cal.accuracy);
-    for (int k = 0; k < kFusionOutputCount; ++k) {
-      for (int v = 0; v < kValues[k]; ++v) std::fprintf(f, ",%.9g", double{r.fusion[k].values[v]});
-    }
-    std::fprintf(f, ",%" PRId64 "\n", r.fusion[kOrientation].timestamp);
+  // %.9g round-trips every float32 exactly.
+  std::fprintf(f, "%" PRId64 ",%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%.9g,%d", r.t_ns,
+               double{r.raw[0]}, double{r.raw[1]}, double{r.raw[2]}, double{r.cal.x},
+               double{r.cal.y}, double{r.cal.z}, double{r.cal.bias_x}, double{r.cal.bias_y},
+               double{r.cal.bias_z}, r.cal.accuracy);
+  for (int k = 0; k < kFusionOutputCount; ++k) {
+    for (int v = 0; v < kValues[k]; ++v) std::fprintf(f, ",%.9g", double{r.fusion[k].values[v]});
   }
-  bool ok = std::ferror(f) == 0;
-  ok = (std::fclose(f) == 0) && ok;
-  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    *error = "cannot write " + path + ": " + std::strerror(errno);
-    unlink(tmp.c_str());
-    return false;
-  }
-  return true;
+  std::fprintf(f, ",%" PRId64 "\n", r.fusion[kOrientation].timestamp);
+}
+
+bool WriteStepCsv(const std::string &path, const std::vector<StepRow> &rows, std::string *error) {
+  OutputFile out;
+  if (!out.Open(path, error)) return false;
+  std::fprintf(out.file(), "%s\n", kStepCsvHeader);
+  for (const StepRow &r : rows) WriteStepRow(out.file(), r);
+  return out.Commit(error);
 }
 
 }  // namespace qvn_tools

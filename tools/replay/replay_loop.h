@@ -43,8 +43,6 @@ struct ReplayConfig {
   // Called for each "cur" event before the following samples; returns false
   // with a message to stop the replay.
   std::function<bool(int64_t current, std::string *error)> on_current;
-  // Draw a progress bar on stderr.
-  bool progress = false;
   // After a step whose outputs are not finite, call reinitialise (the host's
   // other remedy for a NaN attitude: QVN_CaliInitLib again) and reset a NaN
   // azimuth memory of the moving average (orient_pre[0] = 0).
@@ -69,17 +67,45 @@ void WarnAboutInput(const std::string &path, const std::vector<Event> &events, i
 // to the end).
 void CutEvents(std::vector<Event> *events, double from_s, double to_s);
 
-// Replays events in file order: acc -> SetAccelData; gyr -> SetGyroData;
-// mag -> SetMagData, DoCaliAPI, then every getter. Initialisation is the
-// caller's. Returns false (with *error) only if on_current fails.
+// Prints the warning about a gyroscope event (at line) that with --hw-gyro 1
+// comes before the first magnetometer event.
+void WarnEarlyGyro(const std::string &path, int line, FILE *out);
+
+// Hands events to the library one at a time, in the order given: acc ->
+// SetAccelData; gyr -> SetGyroData; mag -> SetMagData, DoCaliAPI, then every
+// getter into a StepRow. Initialisation is the caller's.
+class Replayer {
+ public:
+  Replayer(const Library &lib, const ReplayConfig &config);
+  // Replays e; true with *row filled when it was a calibration step. False
+  // with *error only when on_current fails.
+  bool Feed(const Event &e, StepRow *row, bool *stepped, std::string *error);
+  const ReplayCounts &counts() const { return counts_; }
+
+ private:
+  const Library &lib_;
+  const ReplayConfig &config_;
+  QvnFusionGetFn getters_[kFusionOutputCount];
+  const float *qfusion_;
+  float *orient_pre_;
+  bool seen_mag_ = false;
+  ReplayCounts counts_;
+};
+
+// Replays events in file order through a Replayer. Returns false (with
+// *error) only if on_current fails.
 bool RunReplay(const Library &lib, const std::vector<Event> &events, const ReplayConfig &config,
                std::vector<StepRow> *rows, ReplayCounts *counts, std::string *error);
 
 // Header of the step CSV (shared with the plotting script).
 extern const char kStepCsvHeader[];
 
+// One row of the step CSV (no header), %.9g floats that round-trip.
+void WriteStepRow(FILE *f, const StepRow &r);
+
 // Writes the rows to path through a temporary file in the same folder that is
 // renamed into place only when complete; nothing is left behind on failure.
+// Only a regular file (new or existing) is written.
 bool WriteStepCsv(const std::string &path, const std::vector<StepRow> &rows, std::string *error);
 
 }  // namespace qvn_tools

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "core/checked.h"
 #include "core/geometry.h"
 
 namespace qvn_tools {
@@ -14,35 +15,10 @@ namespace {
 constexpr double kNsPerS = 1e9;
 constexpr size_t kMaxTimelineEntries = 12;
 
-struct MeanSpread {
-  size_t n = 0;
-  double mean = 0, spread = 0;
-};
+constexpr double kGapBinS = 1e-5;
+constexpr size_t kGapBins = 1000000;  // 10 s
 
-MeanSpread Stats(const std::vector<double> &v) {
-  MeanSpread s;
-  for (double x : v) {
-    if (!std::isfinite(x)) continue;
-    s.n++;
-    s.mean += x;
-  }
-  if (s.n == 0) return s;
-  s.mean /= static_cast<double>(s.n);
-  for (double x : v) {
-    if (std::isfinite(x)) s.spread += (x - s.mean) * (x - s.mean);
-  }
-  s.spread = std::sqrt(s.spread / static_cast<double>(s.n));
-  return s;
-}
-
-double Percentile(std::vector<double> v, double q) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  size_t k = static_cast<size_t>(q * static_cast<double>(v.size() - 1) + 0.5);
-  return v[std::min(k, v.size() - 1)];
-}
-
-double Seconds(int64_t t, int64_t t0) { return static_cast<double>(t - t0) / kNsPerS; }
+double Seconds(int64_t t, int64_t t0) { return SecondsBetween(t0, t); }
 
 const float *FloatVar(const Library &lib, const char *name) {
   return static_cast<const float *>(lib.Symbol(name));
@@ -85,16 +61,111 @@ void PrintOffsetTruth(const SummaryInput &in, FILE *out, const float hdi[3]) {
 
 }  // namespace
 
-void PrintSummary(const SummaryInput &in, FILE *out) {
-  const std::vector<StepRow> &rows = *in.rows;
-  const std::vector<Event> &ev = *in.events;
-  int64_t t0 = ev.empty() ? 0 : ev.front().t_ns;
+void StepDigest::Moments::Add(double x) {
+  if (!std::isfinite(x)) return;
+  ++n;
+  double d = x - mean;
+  mean += d / static_cast<double>(n);
+  m2 += d * (x - mean);
+}
+
+double StepDigest::Moments::spread() const {
+  return n == 0 ? 0.0 : std::sqrt(m2 / static_cast<double>(n));
+}
+
+StepDigest::StepDigest(const float initial_offset[3], float interference_limit)
+    : gap_bins(kGapBins, 0), limit_(interference_limit) {
+  std::memcpy(initial_, initial_offset, sizeof initial_);
+}
+
+void StepDigest::Add(const StepRow &r) {
+  if (steps == 0) first_t = r.t_ns;
+  if (steps > 0) {
+    // Magnetometer timing: the library sizes everything from the sample rate.
+    double g = SecondsBetween(prev_t_, r.t_ns);
+    ++gaps;
+    if (g >= 0 && g < kGapBinS * kGapBins) {
+      gap_bins[static_cast<size_t>(g / kGapBinS)]++;
+    } else {
+      ++gaps_beyond;  // out of order (--keep-order) or 10 s and more
+    }
+    if (g > worst_gap) worst_gap = g, worst_gap_at = prev_t_;
+    int a = last_accuracy_;
+    if (a >= 0 && a < 4 && g > 0) share[a] += g;
+  }
+  const CaliResult &c = r.cal;
+  const float b[3] = {c.bias_x, c.bias_y, c.bias_z};
+  // Adoption: the first step whose offset differs from the one in force after init.
+  if (!adopted && std::memcmp(b, initial_, sizeof b) != 0) adopted = true, adopted_t = r.t_ns;
+  if (!level3 && c.accuracy == 3) level3 = true, level3_t = r.t_ns;
+  // Field magnitudes: a good calibration turns a wide shell far from the
+  // origin into a thin one of the local field strength.
+  raw.Add(Norm({r.raw[0], r.raw[1], r.raw[2]}));
+  double m = Norm({c.x, c.y, c.z});
+  cal_all.Add(m);
+  if (adopted) cal_after.Add(m);
+  if (std::fabs(r.raw[0]) > limit_ || std::fabs(r.raw[1]) > limit_ || std::fabs(r.raw[2]) > limit_)
+    ++over_limit;
+  // Accuracy timeline: every change of level.
+  if (steps == 0 || c.accuracy != last_accuracy_) {
+    if (++changes <= kMaxTimelineEntries) timeline.emplace_back(r.t_ns, c.accuracy);
+  }
+  const float *q = r.fusion[kRotationVector].values;
+  const float *o = r.fusion[kOrientation].values;
+  if (!nonfinite &&
+      !(std::isfinite(q[0] + q[1] + q[2] + q[3]) && std::isfinite(o[0] + o[1] + o[2]))) {
+    nonfinite = true;
+    nonfinite_t = r.t_ns;
+    nonfinite_step = steps;
+  }
+  last = c;
+  last_accuracy_ = c.accuracy;
+  prev_t_ = last_t = r.t_ns;
+  ++steps;
+}
+
+double StepDigest::MedianGap() const {
+  // Nearest rank of the middle interval, as the bin's centre.
+  size_t rank = gaps / 2, seen = 0;
+  for (size_t i = 0; i < gap_bins.size(); ++i) {
+    seen += gap_bins[i];
+    if (seen > rank) return (static_cast<double>(i) + 0.5) * kGapBinS;
+  }
+  return worst_gap;
+}
+
+void PrintSummary(const SummaryInput &given, FILE *out) {
+  SummaryInput in = given;
+  const float *limit = FloatVar(*in.lib, "k7q_interference_threshold");
+  StepDigest held(in.initial_offset, limit != nullptr ? *limit : NAN);
+  if (in.steps == nullptr) {
+    if (in.rows != nullptr) {
+      for (const StepRow &r : *in.rows) held.Add(r);
+    }
+    if (in.events != nullptr && !in.events->empty()) {
+      in.events_replayed = in.events->size();
+      in.first_ns = in.events->front().t_ns;
+      in.last_ns = in.events->back().t_ns;
+      // The early-gyroscope warning is given for a gyroscope event before the
+      // first magnetometer event that was not skipped.
+      for (const Event &e : *in.events) {
+        if (e.sensor == Sensor::kMag) break;
+        if (e.sensor == Sensor::kGyr && in.hw_gyro == 1 && in.counts.skipped_gyro == 0) {
+          in.early_gyro_warned = true;
+          break;
+        }
+      }
+    }
+    in.steps = &held;
+  }
+  const StepDigest &d = *in.steps;
+  const int64_t t0 = in.first_ns;
   const size_t *n = in.counts.per_sensor;
   std::fprintf(out, "== replay summary ==\n");
   std::fprintf(out, "%-20s%s\n", "input", in.events_path.c_str());
   std::fprintf(out, "%-20s%zu (acc %zu, gyr %zu, mag %zu, cur %zu) over %.1f s\n",
-               "events replayed", ev.size(), n[0], n[1], n[2], n[3],
-               ev.empty() ? 0.0 : Seconds(ev.back().t_ns, t0));
+               "events replayed", in.events_replayed, n[0], n[1], n[2], n[3],
+               in.events_replayed == 0 ? 0.0 : Seconds(in.last_ns, t0));
   if (in.counts.skipped_gyro > 0) {
     std::fprintf(out, "%-20s%zu gyroscope events before the first magnetometer event\n", "skipped",
                  in.counts.skipped_gyro);
@@ -102,107 +173,72 @@ void PrintSummary(const SummaryInput &in, FILE *out) {
   std::fprintf(out, "%-20s%s\n", "library", in.lib->path().c_str());
   std::fprintf(out, "%-20shwGyro %d, ro.boot.hwname %s\n", "host", in.hw_gyro,
                in.hwname.empty() ? "(unset)" : in.hwname.c_str());
-  if (rows.empty()) {
+  if (d.steps == 0) {
     std::fprintf(out, "%-20sno magnetometer events: nothing was calibrated\n", "result");
     return;
   }
-  // Magnetometer timing: the library sizes everything from the sample rate.
-  std::vector<double> gaps;
-  double worst = 0, worst_at = 0;
-  for (size_t i = 1; i < rows.size(); ++i) {
-    double g = static_cast<double>(rows[i].t_ns - rows[i - 1].t_ns) / kNsPerS;
-    gaps.push_back(g);
-    if (g > worst) worst = g, worst_at = Seconds(rows[i - 1].t_ns, t0);
-  }
-  if (!gaps.empty()) {
-    double med = Percentile(gaps, 0.5);
+  if (d.gaps > 0) {
+    double med = d.MedianGap();
     std::fprintf(out, "%-20smedian interval %.1f ms (%.1f Hz), largest gap %.3f s at +%.1f s\n",
-                 "magnetometer", med * 1e3, med > 0 ? 1.0 / med : 0.0, worst, worst_at);
+                 "magnetometer", med * 1e3, med > 0 ? 1.0 / med : 0.0, d.worst_gap,
+                 Seconds(d.worst_gap_at, t0));
   }
-  // Adoption: the first step whose offset differs from the one in force after init.
-  size_t adopted = rows.size(), level3 = rows.size();
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const float b[3] = {rows[i].cal.bias_x, rows[i].cal.bias_y, rows[i].cal.bias_z};
-    if (adopted == rows.size() && std::memcmp(b, in.initial_offset, sizeof b) != 0) adopted = i;
-    if (level3 == rows.size() && rows[i].cal.accuracy == 3) level3 = i;
-  }
-  if (adopted < rows.size()) {
-    std::fprintf(out, "%-20s+%.2f s\n", "first adoption", Seconds(rows[adopted].t_ns, t0));
+  if (d.adopted) {
+    std::fprintf(out, "%-20s+%.2f s\n", "first adoption", Seconds(d.adopted_t, t0));
   } else {
     std::fprintf(out, "%-20snever (the offset in force at init was kept)\n", "first adoption");
   }
-  if (level3 < rows.size()) {
-    std::fprintf(out, "%-20s+%.2f s\n", "accuracy 3 at", Seconds(rows[level3].t_ns, t0));
+  if (d.level3) {
+    std::fprintf(out, "%-20s+%.2f s\n", "accuracy 3 at", Seconds(d.level3_t, t0));
   } else {
     std::fprintf(out, "%-20snever reached\n", "accuracy 3 at");
   }
-  const CaliResult &last = rows.back().cal;
-  const float hdi[3] = {last.bias_x, last.bias_y, last.bias_z};
+  const float hdi[3] = {d.last.bias_x, d.last.bias_y, d.last.bias_z};
   std::fprintf(out, "%-20s(%.2f, %.2f, %.2f) uT, accuracy %d\n", "final offset", double{hdi[0]},
-               double{hdi[1]}, double{hdi[2]}, last.accuracy);
+               double{hdi[1]}, double{hdi[2]}, d.last.accuracy);
   if (in.truth != nullptr && in.truth->HasOffset()) PrintOffsetTruth(in, out, hdi);
   PrintMatrix(out, "soft-iron found", FloatVar(*in.lib, "sfi_array"));
   PrintMatrix(out, "device matrix", FloatVar(*in.lib, "static_sfi"));
   if (const float *r = FloatVar(*in.lib, "qvn_radius")) {
     std::fprintf(out, "%-20s%.2f uT (qvn_radius)\n", "radius in force", double{*r});
   }
-  // Field magnitudes: a good calibration turns a wide shell far from the
-  // origin into a thin one of the local field strength.
-  std::vector<double> raw_mag, cal_all, cal_after;
-  size_t over = 0;
-  const float *limit = FloatVar(*in.lib, "k7q_interference_threshold");
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const StepRow &r = rows[i];
-    raw_mag.push_back(Norm({r.raw[0], r.raw[1], r.raw[2]}));
-    double c = Norm({r.cal.x, r.cal.y, r.cal.z});
-    cal_all.push_back(c);
-    if (i >= adopted) cal_after.push_back(c);
-    if (limit != nullptr && (std::fabs(r.raw[0]) > *limit || std::fabs(r.raw[1]) > *limit ||
-                             std::fabs(r.raw[2]) > *limit)) {
-      over++;
-    }
-  }
-  MeanSpread sr = Stats(raw_mag), sa = Stats(cal_all), sc = Stats(cal_after);
-  std::fprintf(out, "%-20smean %.2f uT, spread (std) %.2f uT\n", "|field| raw", sr.mean, sr.spread);
+  std::fprintf(out, "%-20smean %.2f uT, spread (std) %.2f uT\n", "|field| raw", d.raw.mean,
+               d.raw.spread());
   std::fprintf(out, "%-20smean %.2f uT, spread (std) %.2f uT over all steps", "|field| calibrated",
-               sa.mean, sa.spread);
-  if (sc.n > 0) std::fprintf(out, "; after adoption %.2f uT, %.2f uT", sc.mean, sc.spread);
+               d.cal_all.mean, d.cal_all.spread());
+  if (d.cal_after.n > 0)
+    std::fprintf(out, "; after adoption %.2f uT, %.2f uT", d.cal_after.mean, d.cal_after.spread());
   std::fprintf(out, "\n");
-  if (limit != nullptr && over > 0) {
+  if (limit != nullptr && d.over_limit > 0) {
     std::fprintf(out, "%-20s%zu steps with a raw axis above %.0f uT (k7q_interference_threshold)\n",
-                 "interference", over, double{*limit});
+                 "interference", d.over_limit, double{*limit});
   }
-  // Accuracy timeline: every change of level, and the share of time at each.
   std::string timeline;
-  double share[4] = {0, 0, 0, 0};
-  size_t changes = 0;
-  for (size_t i = 0; i < rows.size(); ++i) {
-    int a = rows[i].cal.accuracy;
-    if (i + 1 < rows.size() && a >= 0 && a < 4) share[a] += Seconds(rows[i + 1].t_ns, rows[i].t_ns);
-    if (i > 0 && a == rows[i - 1].cal.accuracy) continue;
-    if (++changes <= kMaxTimelineEntries) {
-      char buf[48];
-      std::snprintf(buf, sizeof buf, "%s+%.1fs:%d", timeline.empty() ? "" : " ",
-                    Seconds(rows[i].t_ns, t0), a);
-      timeline += buf;
-    }
+  for (const auto &[t, level] : d.timeline) {
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "%s+%.1fs:%d", timeline.empty() ? "" : " ", Seconds(t, t0), level);
+    timeline += buf;
   }
-  if (changes > kMaxTimelineEntries) timeline += " ... (" + std::to_string(changes) + " changes)";
+  if (d.changes > kMaxTimelineEntries)
+    timeline += " ... (" + std::to_string(d.changes) + " changes)";
   std::fprintf(out, "%-20s%s\n", "accuracy timeline", timeline.c_str());
-  double total = share[0] + share[1] + share[2] + share[3];
+  double total = d.share[0] + d.share[1] + d.share[2] + d.share[3];
   if (total > 0) {
     std::fprintf(out, "%-20s0: %.0f%%  1: %.0f%%  2: %.0f%%  3: %.0f%%\n", "time at level",
-                 100 * share[0] / total, 100 * share[1] / total, 100 * share[2] / total,
-                 100 * share[3] / total);
+                 100 * d.share[0] / total, 100 * d.share[1] / total, 100 * d.share[2] / total,
+                 100 * d.share[3] / total);
   }
-  for (size_t i = 0; i < rows.size(); ++i) {
-    const float *q = rows[i].fusion[kRotationVector].values;
-    const float *o = rows[i].fusion[kOrientation].values;
-    if (std::isfinite(q[0] + q[1] + q[2] + q[3]) && std::isfinite(o[0] + o[1] + o[2])) continue;
+  if (d.nonfinite) {
+    // Name the likely causes that this run actually had.
+    std::string why;
+    if (in.early_gyro_warned) why += "; see the --hw-gyro 1 warning on stderr";
+    if (!in.sets.empty()) {
+      why += "; values set:";
+      for (size_t k = 0; k < in.sets.size() && k < 4; ++k) why += " " + in.sets[k];
+      if (in.sets.size() > 4) why += " ...";
+    }
     std::fprintf(out, "%-20snot finite from +%.2f s on (step %zu)%s\n", "fusion outputs",
-                 Seconds(rows[i].t_ns, t0), i,
-                 in.hw_gyro == 1 ? "; see the --hw-gyro 1 warning on stderr" : "");
-    break;
+                 Seconds(d.nonfinite_t, t0), d.nonfinite_step, why.c_str());
   }
   if (in.counts.reinits > 0) {
     std::fprintf(out,
