@@ -228,9 +228,10 @@ def parse_item(text: str, warmup_s: float = 10.0, prime: str | None = None) -> I
                 v = float(value)
             except ValueError:
                 v = math.nan
-            if not abs(v) <= MAX_ITEM_VALUE:  # seconds or ms; NaN fails too
-                raise UsageError(f"recording '{text}': bad item '{f}' (a number of at most "
-                                 f"{MAX_ITEM_VALUE:g})")
+            low = -MAX_ITEM_VALUE if key == "gt-shift-ms" else 0.0
+            if not low <= v <= MAX_ITEM_VALUE:  # NaN fails too
+                raise UsageError(f"recording '{text}': bad item '{f}' (seconds 0 to "
+                                 f"{MAX_ITEM_VALUE:g}, milliseconds within ±{MAX_ITEM_VALUE:g})")
             setattr(item, _KEYS[key], v)
         else:
             raise UsageError(f"recording '{text}': bad item '{f}' (from=S, to=S, score-from=S, "
@@ -298,7 +299,7 @@ def evaluations_of(item: Item, role: str) -> list:
     t = events.arrays()["t_ns"]
     length = (int(t[-1]) - int(t[0])) / 1e9 if len(t) else 0.0
     first = item.from_s + item.warmup_s if item.score_from_s is None else item.score_from_s
-    last = min(length, *(v for v in (item.to_s, item.score_to_s) if v is not None))
+    last = min([length] + [v for v in (item.to_s, item.score_to_s) if v is not None])
     if not first < last:
         raise UsageError(f"recording '{item.text}': the scored span lies outside the replayed "
                          f"events (scored from {first:g} s, events up to {last:g} s)")
