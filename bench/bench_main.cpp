@@ -13,7 +13,14 @@ namespace {
 
 void TimeBackToBack(benchmark::State &state, const qvn_bench::Operation &op) {
   op.setup();
+  qvn_bench::TakeLogLines();
   for (auto _ : state) op.run();
+  // Lines per call, for the steps timed with the log on.
+  const long lines = qvn_bench::TakeLogLines();
+  if (lines > 0) {
+    state.counters["lines"] =
+        benchmark::Counter(static_cast<double>(lines), benchmark::Counter::kAvgIterations);
+  }
 }
 
 void TimeCallByCall(benchmark::State &state, const qvn_bench::Operation &op) {

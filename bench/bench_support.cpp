@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -39,7 +40,30 @@ constexpr double kMagHz = 50.0;
 // threshold, so the correction runs too.
 constexpr char kChargingCurrent[] = "1500000\n";
 
-void DiscardLine(const struct __android_logger_data *, const char *) {}
+long g_log_lines = 0;
+
+void DiscardLine(const struct __android_logger_data *, const char *) { ++g_log_lines; }
+
+void WriteLine(const struct __android_logger_data *data, const char *message) {
+  ++g_log_lines;
+  __android_log_stderr_logger(data, message);
+}
+
+// Points stderr at /dev/null while the log writes (the lines would drown the
+// benchmark's report otherwise), and back at the terminal otherwise.
+void RouteLog(Log log) {
+  static int saved_stderr = -1;
+  if (log == Log::kWritten) {
+    if (saved_stderr < 0) saved_stderr = dup(STDERR_FILENO);
+    const int null_fd = open("/dev/null", O_WRONLY);
+    dup2(null_fd, STDERR_FILENO);
+    close(null_fd);
+    __android_log_set_logger(WriteLine);
+  } else {
+    if (saved_stderr >= 0) dup2(saved_stderr, STDERR_FILENO);
+    __android_log_set_logger(DiscardLine);
+  }
+}
 
 struct Stream {
   std::vector<Event> events;
@@ -100,7 +124,7 @@ const std::string &SysfsRoot(CurrentFile which) {
 
 void ResetLibrary(int8_t hw_gyro, Log log, CurrentFile current) {
   g_read_excluded = false;
-  __android_log_set_logger(DiscardLine);
+  RouteLog(log);
   __android_log_set_minimum_priority(log == Log::kSilent ? ANDROID_LOG_SILENT
                                                          : ANDROID_LOG_VERBOSE);
   qvn_host_set_sysfs_root(SysfsRoot(current).c_str());
@@ -111,6 +135,12 @@ void ResetLibrary(int8_t hw_gyro, Log log, CurrentFile current) {
   clear_data_buffer();
   ChipInfo info = {0, 0, hw_gyro};
   MAG_LIB_API_INTERFACE.QVN_CaliInitLib(&info);
+}
+
+long TakeLogLines() {
+  const long n = g_log_lines;
+  g_log_lines = 0;
+  return n;
 }
 
 void ExcludeBatteryRead() {
@@ -187,6 +217,7 @@ const std::vector<Operation> &AllOperations() {
     std::vector<Operation> ops = CaliOperations();
     for (const Operation &op : FusionOperations()) ops.push_back(op);
     for (const Operation &op : KernelOperations()) ops.push_back(op);
+    for (const Operation &op : LogOperations()) ops.push_back(op);
     return ops;
   }();
   return all;

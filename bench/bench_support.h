@@ -29,17 +29,25 @@ struct Operation {
 std::vector<Operation> CaliOperations();
 std::vector<Operation> FusionOperations();
 std::vector<Operation> KernelOperations();
+std::vector<Operation> LogOperations();
 // All of the above, in report order.
 const std::vector<Operation> &AllOperations();
 
 // ---- library state ----
-enum class Log { kSilent, kDiscardingSink };
+// The three costs of the log: silenced (no line formatted), every line
+// formatted and dropped by a logger that discards it, and every line written
+// by the log library's own writer (its stderr logger on a workstation) into
+// /dev/null.
+enum class Log { kSilent, kDropped, kWritten };
 enum class CurrentFile { kAbsent, kPresent };
 
 // Puts back every tunable a benchmark may have changed, points the battery
 // current read at a folder with or without the file, sets the log mode and
 // initialises through MAG_LIB_API_INTERFACE with the given hwGyro byte.
 void ResetLibrary(int8_t hw_gyro, Log log, CurrentFile current);
+
+// Lines the log has received (dropped or written) since the last call.
+long TakeLogLines();
 
 // Until the next ResetLibrary, the library's battery-current read returns the
 // current it reads now, without opening the file: this executable defines

@@ -48,12 +48,16 @@ void Collecting(Log log, CurrentFile current) {
 
 void SetupCollectingWithFile() { Collecting(Log::kSilent, CurrentFile::kPresent); }
 
-void SetupCollectingReadExcluded() {
-  Collecting(Log::kSilent, CurrentFile::kPresent);
+void CollectingReadExcluded(Log log) {
+  Collecting(log, CurrentFile::kPresent);
   ExcludeBatteryRead();
 }
+void SetupCollectingReadExcluded() { CollectingReadExcluded(Log::kSilent); }
+void SetupCollectingReadExcludedDropped() { CollectingReadExcluded(Log::kDropped); }
+void SetupCollectingReadExcludedWritten() { CollectingReadExcluded(Log::kWritten); }
 void SetupCollectingNoFile() { Collecting(Log::kSilent, CurrentFile::kAbsent); }
-void SetupCollectingNoFileSink() { Collecting(Log::kDiscardingSink, CurrentFile::kAbsent); }
+void SetupCollectingNoFileDropped() { Collecting(Log::kDropped, CurrentFile::kAbsent); }
+void SetupCollectingNoFileWritten() { Collecting(Log::kWritten, CurrentFile::kAbsent); }
 
 void SetupReadWithFile() { ResetLibrary(2, Log::kSilent, CurrentFile::kPresent); }
 void SetupReadNoFile() { ResetLibrary(2, Log::kSilent, CurrentFile::kAbsent); }
@@ -166,12 +170,18 @@ std::vector<Operation> CaliOperations() {
   return {
       {"cali_step/collecting/read_excluded", "<= 250 ns", SetupCollectingReadExcluded, nullptr,
        RunCollectingStep},
+      {"cali_step/collecting/read_excluded/log_dropped", "-", SetupCollectingReadExcludedDropped,
+       nullptr, RunCollectingStep},
+      {"cali_step/collecting/read_excluded/log_written", "<= 10 us",
+       SetupCollectingReadExcludedWritten, nullptr, RunCollectingStep},
       {"cali_step/collecting/current_file", "-", SetupCollectingWithFile, nullptr,
        RunCollectingStep},
       {"cali_step/collecting/no_current_file", "-", SetupCollectingNoFile, nullptr,
        RunCollectingStep},
-      {"cali_step/collecting/no_current_file/log_sink", "-", SetupCollectingNoFileSink, nullptr,
-       RunCollectingStep},
+      {"cali_step/collecting/no_current_file/log_dropped", "-", SetupCollectingNoFileDropped,
+       nullptr, RunCollectingStep},
+      {"cali_step/collecting/no_current_file/log_written", "-", SetupCollectingNoFileWritten,
+       nullptr, RunCollectingStep},
       {"battery_read/current_file", "-", SetupReadWithFile, nullptr, RunRead},
       {"battery_read/no_current_file", "-", SetupReadNoFile, nullptr, RunRead},
       {"cali_fit_step/ball", "-", SetupBallFit, PrepareFit, RunFit},

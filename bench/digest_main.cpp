@@ -92,7 +92,7 @@ void HashOutputs(const CaliResult &c) {
 
 void RunReplay(const Replay &r) {
   using qvn_bench::CurrentFile;
-  qvn_bench::ResetLibrary(r.hw_gyro, qvn_bench::Log::kDiscardingSink,
+  qvn_bench::ResetLibrary(r.hw_gyro, qvn_bench::Log::kDropped,
                           r.charging ? CurrentFile::kPresent : CurrentFile::kAbsent);
   __android_log_set_logger(HashLine);
   if (r.soft_gyro != 0) g_slect_swgyro_mode = r.soft_gyro;

@@ -43,7 +43,8 @@ void HwGyro(Log log) {
   Replay(kWarmupSeconds);
 }
 void SetupHwGyro() { HwGyro(Log::kSilent); }
-void SetupHwGyroSink() { HwGyro(Log::kDiscardingSink); }
+void SetupHwGyroDropped() { HwGyro(Log::kDropped); }
+void SetupHwGyroWritten() { HwGyro(Log::kWritten); }
 
 // ---- hwGyro 0: fusion at the magnetometer rate, with a soft gyroscope ----
 void RunNoGyroStep() {
@@ -69,8 +70,10 @@ void NoGyro(uint8_t variant, Log log) {
 }
 void SetupSoftGyro1() { NoGyro(1, Log::kSilent); }
 void SetupSoftGyro2() { NoGyro(2, Log::kSilent); }
-void SetupSoftGyro1Sink() { NoGyro(1, Log::kDiscardingSink); }
-void SetupSoftGyro2Sink() { NoGyro(2, Log::kDiscardingSink); }
+void SetupSoftGyro1Dropped() { NoGyro(1, Log::kDropped); }
+void SetupSoftGyro2Dropped() { NoGyro(2, Log::kDropped); }
+void SetupSoftGyro1Written() { NoGyro(1, Log::kWritten); }
+void SetupSoftGyro2Written() { NoGyro(2, Log::kWritten); }
 
 // ---- a whole magnetometer sample without a gyroscope: calibration + fusion ----
 CaliResult g_out;
@@ -99,10 +102,15 @@ std::vector<Operation> FusionOperations() {
       {"fusion_step/hw_gyro", step_target, SetupHwGyro, nullptr, RunHwGyroStep},
       {"fusion_step/no_gyro/soft_gyro_1", step_target, SetupSoftGyro1, nullptr, RunNoGyroStep},
       {"fusion_step/no_gyro/soft_gyro_2", step_target, SetupSoftGyro2, nullptr, RunNoGyroStep},
-      {"fusion_step/hw_gyro/log_sink", "-", SetupHwGyroSink, nullptr, RunHwGyroStep},
-      {"fusion_step/no_gyro/soft_gyro_1/log_sink", "-", SetupSoftGyro1Sink, nullptr,
+      {"fusion_step/hw_gyro/log_dropped", "-", SetupHwGyroDropped, nullptr, RunHwGyroStep},
+      {"fusion_step/hw_gyro/log_written", "<= 3 us", SetupHwGyroWritten, nullptr, RunHwGyroStep},
+      {"fusion_step/no_gyro/soft_gyro_1/log_dropped", "-", SetupSoftGyro1Dropped, nullptr,
        RunNoGyroStep},
-      {"fusion_step/no_gyro/soft_gyro_2/log_sink", "-", SetupSoftGyro2Sink, nullptr,
+      {"fusion_step/no_gyro/soft_gyro_1/log_written", "<= 3 us", SetupSoftGyro1Written, nullptr,
+       RunNoGyroStep},
+      {"fusion_step/no_gyro/soft_gyro_2/log_dropped", "-", SetupSoftGyro2Dropped, nullptr,
+       RunNoGyroStep},
+      {"fusion_step/no_gyro/soft_gyro_2/log_written", "<= 3 us", SetupSoftGyro2Written, nullptr,
        RunNoGyroStep},
       {"mag_sample/no_gyro/soft_gyro_2", "-", SetupSoftGyro2, nullptr, RunNoGyroMagSample},
       {"getter/gravity", "-", SetupGetters, nullptr, RunGravity},

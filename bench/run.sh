@@ -8,6 +8,10 @@
 #   bench/run.sh                                   # everything
 #   bench/run.sh --benchmark_filter='fusion_step'  # a subset
 #
+# Quote the CPU column: on a loaded machine the Time (wall-clock) column runs
+# up to 2.5 times higher. The steps timed with the log on (log_dropped,
+# log_written) also report the log lines per call.
+#
 # The build tree is build-bench-release (QVN_BENCH_BUILD_DIR overrides it).
 # Google Benchmark's warning that the library "was built as DEBUG" is about
 # Debian's libbenchmark package itself, not about libqvnlib (built Release).

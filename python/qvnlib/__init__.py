@@ -320,6 +320,11 @@ class Run:
         """Time of the first replayed event."""
         return self._run.t0_ns
 
+    @property
+    def attempts(self) -> pd.DataFrame:
+        """Every calibration attempt, with the columns of qvn_replay --attempts-out."""
+        return pd.DataFrame(self._run.attempts())
+
     def __repr__(self) -> str:
         end = ""
         if len(self.steps):

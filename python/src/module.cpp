@@ -326,6 +326,46 @@ py::dict ErrorColumns(const std::vector<StepRow> &rows, const AccuracyReport &re
   return d;
 }
 
+// The calibration attempts as columns, named as qvn_replay --attempts-out
+// names them.
+py::dict AttemptColumns(const ReplayOutcome &o) {
+  std::vector<int64_t> t_ns;
+  std::vector<double> t_s, cx, cy, cz, r, sx, sy, sz, cov, ox, oy, oz, osx, osy, osz;
+  std::vector<int> samples, lr, lm, lk, passed, adopted, first, level, before, after;
+  std::vector<std::string> method, bound, why;
+  for (const qvn_tools::CaliAttempt &a : o.attempts) {
+    qvn_tools::V3 cs = o.frame.ToSensor(a.centre);
+    qvn_tools::V3 os = o.frame.ToSensor({a.offset_after[0], a.offset_after[1], a.offset_after[2]});
+    t_ns.push_back(a.t_ns);
+    t_s.push_back(static_cast<double>(a.t_ns - o.t0_ns) / 1e9);
+    method.push_back(qvn_tools::MethodName(a.method));
+    samples.push_back(a.samples);
+    cx.push_back(a.fitted ? a.centre.x : NAN), cy.push_back(a.fitted ? a.centre.y : NAN);
+    cz.push_back(a.fitted ? a.centre.z : NAN), r.push_back(a.fitted ? a.radius : NAN);
+    sx.push_back(a.fitted ? cs.x : NAN), sy.push_back(a.fitted ? cs.y : NAN);
+    sz.push_back(a.fitted ? cs.z : NAN);
+    lr.push_back(a.logged_radius), lm.push_back(a.logged_mean), lk.push_back(a.logged_off_shell);
+    cov.push_back(a.coverage), passed.push_back(a.passed), adopted.push_back(a.adopted);
+    first.push_back(a.first_offset), level.push_back(a.level);
+    before.push_back(a.accuracy_before), after.push_back(a.accuracy_after);
+    ox.push_back(a.offset_after[0]), oy.push_back(a.offset_after[1]);
+    oz.push_back(a.offset_after[2]);
+    osx.push_back(os.x), osy.push_back(os.y), osz.push_back(os.z);
+    bound.push_back(qvn_tools::BoundKey(a.bound)), why.push_back(a.why);
+  }
+  py::dict d;
+  d["t_ns"] = t_ns, d["t_s"] = t_s, d["method"] = method, d["samples"] = samples;
+  d["centre_x"] = cx, d["centre_y"] = cy, d["centre_z"] = cz, d["radius"] = r;
+  d["centre_sensor_x"] = sx, d["centre_sensor_y"] = sy, d["centre_sensor_z"] = sz;
+  d["logged_radius"] = lr, d["logged_mean"] = lm, d["logged_off_shell"] = lk;
+  d["coverage"] = cov, d["passed"] = passed, d["adopted"] = adopted, d["first_offset"] = first;
+  d["level"] = level, d["accuracy_before"] = before, d["accuracy_after"] = after;
+  d["offset_x"] = ox, d["offset_y"] = oy, d["offset_z"] = oz;
+  d["offset_sensor_x"] = osx, d["offset_sensor_y"] = osy, d["offset_sensor_z"] = osz;
+  d["bound"] = bound, d["why"] = why;
+  return d;
+}
+
 py::dict CountsOf(const ReplayCounts &c) {
   py::dict d;
   for (int s = 0; s < 4; ++s) d[SensorName(static_cast<Sensor>(s))] = c.per_sensor[s];
@@ -505,6 +545,7 @@ PYBIND11_MODULE(_core, m) {
                                                          r.outcome.initial_offset + 3);
                              })
       .def_property_readonly("scored", [](const Run &r) { return r.outcome.scored; })
+      .def("attempts", [](const Run &r) { return AttemptColumns(r.outcome); })
       .def("accuracy", [](const Run &r) { return AccuracyRows(r.outcome.accuracy); })
       .def("errors",
            [](const Run &r) {

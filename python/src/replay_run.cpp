@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "replay/cali_report.h"
 #include "replay/summary.h"
 #include "replay/sysfs_folder.h"
 
@@ -156,10 +157,16 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
     }
     out->warnings = Lines(warnings.Take());
   }
+  // Calibration attempts and the offset reference, as qvn_replay reports them.
+  CaliTracking cali;
+  ReplayConfig config;
+  std::string cali_warning;
+  // The reference comes from the whole recording, as qvn_replay fits it.
+  cali.Attach(lib_, *rq.events, rq.reference_events, rq.reference_label, &config, &cali_warning);
+  if (!cali_warning.empty()) out->warnings.push_back("qvn_replay: warning: " + cali_warning);
   SummaryInput sum;
   api.QVN_CaliApiGetOffset(sum.initial_offset);
   std::memcpy(out->initial_offset, sum.initial_offset, sizeof out->initial_offset);
-  ReplayConfig config;
   config.skip_early_gyro = rq.skip_early_gyro;
   config.reinit_on_nan = rq.reinit_on_nan;
   config.reinitialise = initialise;
@@ -169,6 +176,16 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
   out->rows.reserve(events.size() / 2);
   if (!RunReplay(lib_, events, config, &out->rows, &sum.counts, error)) return false;
   out->counts = sum.counts;
+  double true_offset[3];
+  bool has_true_offset = rq.calibration != nullptr && rq.calibration->HasOffset();
+  for (int k = 0; k < 3 && has_true_offset; ++k)
+    true_offset[k] = (*rq.calibration->Get("offset_uT"))[k];
+  const CaliReportInput *report = cali.Finish(out->t0_ns, has_true_offset ? true_offset : nullptr);
+  if (report != nullptr) {
+    out->attempts = report->decoder->attempts();
+    out->collection = report->decoder->stats();
+    out->frame = *report->frame;
+  }
 
   out->scored = rq.truth != nullptr && !rq.truth->empty() && !out->rows.empty();
   if (out->scored) {
@@ -195,6 +212,7 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
     sum.gt_path = rq.truth_label;
     sum.truth = rq.calibration;
     sum.truth_path = rq.calibration_label;
+    sum.cali = report;
     PrintSummary(sum, summary.file());
   }
   out->summary = summary.Take();

@@ -10,10 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "core/cali_attempts.h"
 #include "core/event_csv.h"
 #include "core/ground_truth.h"
 #include "core/tunables.h"
 #include "replay/accuracy.h"
+#include "replay/cali_report.h"
 #include "replay/library.h"
 #include "replay/replay_loop.h"
 #include "snapshot.h"
@@ -39,6 +41,9 @@ struct ReplayRequest {
   bool lag = true;
   const qvn_tools::CalibrationTruth *calibration = nullptr;  // truth.txt of a simulation
   std::string calibration_label;
+  // Offset reference fitted on these events instead of the replayed ones.
+  const std::vector<qvn_tools::Event> *reference_events = nullptr;
+  std::string reference_label;
   LogMode log_mode = LogMode::kSilent;
   int log_priority = ANDROID_LOG_DEBUG;
 };
@@ -50,6 +55,9 @@ struct ReplayOutcome {
   float initial_offset[3] = {0, 0, 0};
   bool scored = false;
   qvn_tools::AccuracyReport accuracy;
+  std::vector<qvn_tools::CaliAttempt> attempts;  // every calibration attempt, decoded
+  qvn_tools::CollectionStats collection;         // why samples did not make batches
+  qvn_tools::LibraryFrame frame;                 // to express centres in the sensor frame
   std::string summary;                // what qvn_replay prints on stdout
   std::vector<std::string> warnings;  // what it warns about the input on stderr
   std::vector<std::string> log;       // the library's log lines, when captured

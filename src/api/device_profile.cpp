@@ -135,13 +135,10 @@ int32_t qvn_SettingLibParm(void) {
   comp_charging_z = charging[2];
 
   const float *s = g_default_sfi_array;
-  QVN_LOGE("qvn_cali g_default_sfi_array [0-2] ,%f,%f,%f", static_cast<double>(s[0]),
-           static_cast<double>(s[1]), static_cast<double>(s[2]));
-  QVN_LOGE("qvn_cali g_default_sfi_array [3-5] ,%f,%f,%f", static_cast<double>(s[3]),
-           static_cast<double>(s[4]), static_cast<double>(s[5]));
+  QVN_LOGE("qvn_cali g_default_sfi_array [0-2] ,%f,%f,%f", s[0], s[1], s[2]);
+  QVN_LOGE("qvn_cali g_default_sfi_array [3-5] ,%f,%f,%f", s[3], s[4], s[5]);
   // The profile's result is the log call's, as it always has been; nobody reads it.
-  return QVN_LOGE("qvn_cali g_default_sfi_array [6-8] ,%f,%f,%f", static_cast<double>(s[6]),
-                  static_cast<double>(s[7]), static_cast<double>(s[8]));
+  return QVN_LOGE("qvn_cali g_default_sfi_array [6-8] ,%f,%f,%f", s[6], s[7], s[8]);
 }
 
 }  // extern "C"

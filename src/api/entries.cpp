@@ -90,8 +90,7 @@ int32_t QVN_CaliApiSetAccelData(const SensorEvent *event) {
   g_acc_data = Vec3f{event->x, event->y, event->z};
   acc_timestamp = event->timestamp;
   if (g_hw_gyro == kFusionOnMag && g_set_acc_line.Admit(event->timestamp)) {
-    QVN_LOGE("qvn_cali Cali SetAcc: %f %f %f\n", static_cast<double>(event->x),
-             static_cast<double>(event->y), static_cast<double>(event->z));
+    QVN_LOGE("qvn_cali Cali SetAcc: %f %f %f\n", event->x, event->y, event->z);
   }
   return 0;
 }
@@ -99,9 +98,8 @@ int32_t QVN_CaliApiSetAccelData(const SensorEvent *event) {
 int32_t QVN_CaliApiSetMagData(const SensorEvent *event) {
   g_mag_data = Vec3f{event->x, event->y, event->z};
   if (g_set_mag_line.Admit(event->timestamp)) {
-    QVN_LOGE("qvn_cali Cali SetMag  accur:%d,data:%f,%f,%f\n", event->accuracy,
-             static_cast<double>(event->x), static_cast<double>(event->y),
-             static_cast<double>(event->z));
+    QVN_LOGE("qvn_cali Cali SetMag  accur:%d,data:%f,%f,%f\n", event->accuracy, event->x, event->y,
+             event->z);
   }
   return 0;
 }
@@ -118,16 +116,12 @@ int32_t QVN_DoCaliAPI(const SensorEvent *mag, CaliResult *out) {
   if (n >= kSummaryPeriod) {
     log_cnt = 0;
     const float *s = g_default_sfi_array;
-    QVN_LOGE("qvn_cali g_default_sfi_array [0-2] ,%f,%f,%f", static_cast<double>(s[0]),
-             static_cast<double>(s[1]), static_cast<double>(s[2]));
-    QVN_LOGE("qvn_cali g_default_sfi_array [3-5] ,%f,%f,%f", static_cast<double>(s[3]),
-             static_cast<double>(s[4]), static_cast<double>(s[5]));
-    QVN_LOGE("qvn_cali g_default_sfi_array [6-8] ,%f,%f,%f", static_cast<double>(s[6]),
-             static_cast<double>(s[7]), static_cast<double>(s[8]));
+    QVN_LOGE("qvn_cali g_default_sfi_array [0-2] ,%f,%f,%f", s[0], s[1], s[2]);
+    QVN_LOGE("qvn_cali g_default_sfi_array [3-5] ,%f,%f,%f", s[3], s[4], s[5]);
+    QVN_LOGE("qvn_cali g_default_sfi_array [6-8] ,%f,%f,%f", s[6], s[7], s[8]);
     QVN_LOGE("qvn_cali enable ver:%s,hasNFC%d:\n", kLibVersion, hashasNFC);
     QVN_LOGE("qvn_cali comp_charging_x: comp_charging_y: comp_charging_z: %f,%f,%f\n",
-             static_cast<double>(comp_charging_x), static_cast<double>(comp_charging_y),
-             static_cast<double>(comp_charging_z));
+             comp_charging_x, comp_charging_y, comp_charging_z);
   }
 
   const uint64_t t = static_cast<uint64_t>(mag->timestamp);

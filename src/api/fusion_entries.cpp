@@ -42,19 +42,16 @@ Packed Fill(InnerGetter get, int copied, Timestamp source, FusionEvent *out) {
   return p;
 }
 
-double D(float f) { return static_cast<double>(f); }
-
 void Log3(qvn::Throttle &line, const char *fmt, const Packed &p) {
   if (line.Admit(p.timestamp)) {
-    __android_log_print(ANDROID_LOG_ERROR, nullptr, fmt, p.accuracy, D(p.values[0]),
-                        D(p.values[1]), D(p.values[2]));
+    qvn::LogLine(ANDROID_LOG_ERROR, fmt, p.accuracy, p.values[0], p.values[1], p.values[2]);
   }
 }
 
 void Log4(qvn::Throttle &line, const char *fmt, const Packed &p) {
   if (line.Admit(p.timestamp)) {
-    __android_log_print(ANDROID_LOG_ERROR, nullptr, fmt, p.accuracy, D(p.values[0]),
-                        D(p.values[1]), D(p.values[2]), D(p.values[3]));
+    qvn::LogLine(ANDROID_LOG_ERROR, fmt, p.accuracy, p.values[0], p.values[1], p.values[2],
+                 p.values[3]);
   }
 }
 

@@ -93,8 +93,7 @@ int16_t fss_hdi_is_valid(const float *x, const float *y, const float *z, uint16_
   const bool print = logging && qvn::DebugLogOn();
   if (logging) {
     if (print) {
-      QVN_LOGD("QVNlib: hdi[0-2]:%f,%f,%f\r\n", static_cast<double>(hdi[0]),
-               static_cast<double>(hdi[1]), static_cast<double>(hdi[2]));
+      QVN_LOGD("QVNlib: hdi[0-2]:%f,%f,%f\r\n", hdi[0], hdi[1], hdi[2]);
     }
     qvn_cali_log[0] = kStageLogged;
     for (int k = 0; k < 3; ++k) qvn_cali_log[1 + k] = qvn::TruncToI16(hdi[k]);
@@ -123,8 +122,7 @@ int16_t fss_hdi_is_valid(const float *x, const float *y, const float *z, uint16_
   if (logging) {
     // Prints the tolerance, not the mean; long-standing wording.
     if (print) {
-      QVN_LOGD("QVNlib: radius:%f,count:%d,num:%d\r\n", static_cast<double>(mag_radius_wide),
-               outliers, count);
+      QVN_LOGD("QVNlib: radius:%f,count:%d,num:%d\r\n", mag_radius_wide, outliers, count);
     }
     qvn_cali_log[4] = qvn::TruncToI16(mag_radius_wide);
     qvn_cali_log[5] = outliers;

@@ -1,265 +1,167 @@
 #!/usr/bin/python3
-"""Turns a qvn_replay --out CSV into PNG figures.
+"""qvn_plot: PNG figures of a qvn_replay run (the drawing lives in qvnlib.plots).
 
-field_clouds.png    raw and calibrated field, three projections each, with a
-                    least-squares sphere fitted to each cloud
-field_accuracy.png  field magnitude before and after calibration over time,
-                    with the calibration accuracy level
-orientation.png     azimuth, pitch and roll over time, and the true ones when
-                    a ground-truth orientation file is given or found
-errors.png          with --errors (a qvn_replay --errors-out CSV): heading and
-                    tilt error of every orientation output over time, beside
-                    the calibration accuracy level
+field_clouds.png    raw field (all samples) and calibrated field (calibrated
+                    samples only) in three projections, coloured by accuracy
+                    with a colour bar, the library's sphere in force and the
+                    reference fit
+field_accuracy.png  field magnitude, accuracy with every calibration attempt,
+                    coverage of directions, distance of the offset in force
+                    from the reference, over time
+orientation.png     azimuth, pitch and roll, beside the truth converted in the
+                    angle order of the path that made them
+errors.png          with --errors: heading and tilt error of every output
 
-Every figure is FIG_WIDTH_PX x FIG_HEIGHT_PX pixels.
+Every figure is 1500 x 1000 pixels.
 """
 import argparse
-import csv
-import math
 import os
 import sys
 
-FIG_WIDTH_PX = 1500
-FIG_HEIGHT_PX = 1000
-DPI = 100
+HERE = os.path.dirname(os.path.realpath(__file__))
+# Where the figures' module is found: beside this script in the source tree
+# (tools/plot -> python/), the build tree (<build>/tools/python), an
+# installation (<prefix>/share/qvnlib/python), then an installed package. It
+# is loaded as a file: it needs numpy, pandas and matplotlib only, not the
+# package's compiled part.
+CANDIDATES = [os.path.join(HERE, "..", "..", "python"), os.path.join(HERE, "python"),
+              os.path.join(HERE, "..", "share", "qvnlib", "python")]
 
 
-def read_steps(path):
-    with open(path, newline="") as f:
-        reader = csv.DictReader(f)
-        if reader.fieldnames is None or "t_ns" not in reader.fieldnames:
-            raise ValueError(f"{path}: not a qvn_replay output (no t_ns column)")
-        cols = {name: [] for name in reader.fieldnames}
-        for line, row in enumerate(reader, start=2):
-            for name in reader.fieldnames:
-                try:
-                    cols[name].append(float(row[name]))
-                except (TypeError, ValueError):
-                    raise ValueError(f"{path}:{line}: column {name} is not a number")
-    if not cols["t_ns"]:
-        raise ValueError(f"{path}: no rows")
-    return cols
+def import_plots():
+    import importlib.util
+
+    for c in CANDIDATES:
+        path = os.path.join(c, "qvnlib", "plots.py")
+        if os.path.isfile(path):
+            spec = importlib.util.spec_from_file_location("qvnlib_plots", path)
+            module = importlib.util.module_from_spec(spec)
+            spec.loader.exec_module(module)
+            return module
+    try:
+        import qvnlib.plots as plots
+        return plots
+    except ImportError as e:
+        raise ImportError(f"qvnlib.plots not found (looked in {', '.join(CANDIDATES)}): {e}")
 
 
-def read_truth(path):
-    """t_ns,qw,qx,qy,qz (phone to east-north-up) -> times and the angles in the
-    library's own convention: azimuth of the phone's y axis from north,
-    pitch = atan2(-R21, R22) in (-180, 180], roll = asin(R20) in [-90, 90]."""
-    t, az, pitch, roll = [], [], [], []
-    with open(path, newline="") as f:
-        for line, row in enumerate(csv.DictReader(f), start=2):
-            try:
-                w, x, y, z = (float(row[k]) for k in ("qw", "qx", "qy", "qz"))
-                t_ns = float(row["t_ns"])
-            except (KeyError, TypeError, ValueError):
-                raise ValueError(f"{path}:{line}: expected t_ns,qw,qx,qy,qz numbers")
-            # Rotation matrix rows (world east, north, up) of the phone axes.
-            r01 = 2 * (x * y - w * z)
-            r11 = 1 - 2 * (x * x + z * z)
-            r21 = 2 * (y * z + w * x)
-            r20 = 2 * (x * z - w * y)
-            r22 = 1 - 2 * (x * x + y * y)
-            t.append(t_ns)
-            az.append(math.degrees(math.atan2(r01, r11)) % 360.0)
-            pitch.append(math.degrees(math.atan2(-r21, r22)))
-            roll.append(math.degrees(math.asin(max(-1.0, min(1.0, r20)))))
-    return t, az, pitch, roll
-
-
-def fit_sphere(x, y, z):
-    """Least-squares sphere: |p - c|^2 = r^2, linear in (c, r^2 - |c|^2)."""
+def read_csv(path, required, what, only_required=False, may_be_empty=False, complete=False):
     import numpy as np
+    import pandas as pd
 
-    p = np.column_stack([x, y, z])
-    p = p[np.all(np.isfinite(p), axis=1)]
-    if len(p) < 4:
-        return (0.0, 0.0, 0.0), 0.0
-    a = np.column_stack([2 * p, np.ones(len(p))])
-    b = (p * p).sum(axis=1)
-    sol, *_ = np.linalg.lstsq(a, b, rcond=None)
-    c = sol[:3]
-    r2 = sol[3] + c @ c
-    return tuple(c), math.sqrt(r2) if r2 > 0 else 0.0
-
-
-def new_figure(plt, rows, cols):
-    fig, axes = plt.subplots(rows, cols, figsize=(FIG_WIDTH_PX / DPI, FIG_HEIGHT_PX / DPI), dpi=DPI)
-    return fig, axes
-
-
-def plot_clouds(plt, s, out):
-    fig, axes = new_figure(plt, 2, 3)
-    pairs = [(0, 1, "x", "y"), (0, 2, "x", "z"), (1, 2, "y", "z")]
-    # The calibrated sphere is fitted to the steps after the first adoption
-    # (accuracy above 0), when there are any: earlier outputs are raw values.
-    calibrated = [i for i, a in enumerate(s["accuracy"]) if a > 0] or list(range(len(s["accuracy"])))
-    fits = []
-    for row, (prefix, title) in enumerate([("raw", "raw"), ("cal", "calibrated")]):
-        xyz = [s[f"{prefix}_{a}"] for a in "xyz"]
-        pick = range(len(xyz[0])) if prefix == "raw" else calibrated
-        c, r = fit_sphere(*[[v[i] for i in pick] for v in xyz])
-        fits.append(f"{title} sphere centre ({c[0]:.1f}, {c[1]:.1f}, {c[2]:.1f}) r {r:.1f} uT")
-        for col, (i, j, ni, nj) in enumerate(pairs):
-            ax = axes[row][col]
-            ax.scatter(xyz[i], xyz[j], s=2, c=s["accuracy"], cmap="viridis", vmin=0, vmax=3)
-            circle = plt.Circle((c[i], c[j]), r, fill=False, color="red", linewidth=1.2)
-            ax.add_patch(circle)
-            ax.set_aspect("equal", adjustable="datalim")
-            ax.set_xlabel(f"{ni} (uT)")
-            ax.set_ylabel(f"{nj} (uT)")
-            ax.set_title(f"{title} field, {ni}-{nj}")
-            ax.grid(True, alpha=0.3)
-    o = [s[f"offset_{a}"][-1] for a in "xyz"]
-    fig.suptitle(f"magnetometer clouds, colour = accuracy 0-3, red = least-squares sphere\n"
-                 f"{fits[0]}; {fits[1]}; library offset at the end ({o[0]:.2f}, {o[1]:.2f}, {o[2]:.2f}) uT")
-    fig.tight_layout()
-    fig.savefig(out, dpi=DPI)
+    try:
+        header = pd.read_csv(path, nrows=0).columns
+        missing = [c for c in required if c not in header]
+        if missing:
+            raise ValueError(f"not {what} (no column {', '.join(missing)})")
+        # Only the columns drawn, as float32 (times as int64): a one-hour
+        # replay has 180000 rows.
+        dtypes = {c: (np.int64 if c == "t_ns" else np.float32) for c in required}
+        df = pd.read_csv(path, usecols=required if only_required else None,
+                         dtype=dtypes if only_required else None)
+    except (OSError, ValueError) as e:
+        raise ValueError(f"{path}: {e}")
+    if len(df) == 0 and not may_be_empty:
+        raise ValueError(f"{path}: no rows")
+    if complete and len(df):
+        # Every value present: a short row would be read as missing values.
+        bad = df[required].isna().any(axis=1).to_numpy()
+        if bad.any():
+            raise ValueError(f"{path}:{int(np.argmax(bad)) + 2}: expected {','.join(required)} numbers")
+    numeric = df.select_dtypes(exclude="number").columns.intersection(required)
+    if len(df) and len(numeric):
+        raise ValueError(f"{path}: column {numeric[0]} is not all numbers")
+    return df
 
 
-def plot_magnitude(plt, s, out):
-    t0 = s["t_ns"][0]
-    t = [(v - t0) / 1e9 for v in s["t_ns"]]
-    raw = [math.sqrt(x * x + y * y + z * z) for x, y, z in zip(s["raw_x"], s["raw_y"], s["raw_z"])]
-    cal = [math.sqrt(x * x + y * y + z * z) for x, y, z in zip(s["cal_x"], s["cal_y"], s["cal_z"])]
-    fig, axes = new_figure(plt, 2, 1)
-    axes[0].plot(t, raw, label="|raw| (uT)", linewidth=0.8)
-    axes[0].plot(t, cal, label="|calibrated| (uT)", linewidth=0.8)
-    axes[0].set_ylabel("field magnitude (uT)")
-    axes[0].legend(loc="upper right")
-    axes[0].grid(True, alpha=0.3)
-    axes[1].step(t, s["accuracy"], where="post", color="black")
-    axes[1].set_ylim(-0.3, 3.3)
-    axes[1].set_yticks([0, 1, 2, 3])
-    axes[1].set_ylabel("accuracy level")
-    axes[1].set_xlabel("time (s)")
-    axes[1].grid(True, alpha=0.3)
-    fig.suptitle("field magnitude and calibration accuracy")
-    fig.tight_layout()
-    fig.savefig(out, dpi=DPI)
-
-
-def plot_orientation(plt, s, truth, out):
-    t0 = s["t_ns"][0]
-    t = [(v - t0) / 1e9 for v in s["t_ns"]]
-    fig, axes = new_figure(plt, 3, 1)
-    names = [("azimuth", 1), ("pitch", 2), ("roll", 3)]
-    for ax, (name, k) in zip(axes, names):
-        ax.plot(t, s[name], ".", markersize=2, label=f"library {name}")
-        if truth is not None:
-            tt = [(v - t0) / 1e9 for v in truth[0]]
-            ax.plot(tt, truth[k], ".", markersize=1, color="gray", label=f"true {name}")
-        ax.set_ylabel(f"{name} (deg)")
-        ax.legend(loc="upper right")
-        ax.grid(True, alpha=0.3)
-    axes[-1].set_xlabel("time (s)")
-    fig.suptitle("orientation" + (" with ground truth" if truth is not None else ""))
-    fig.tight_layout()
-    fig.savefig(out, dpi=DPI)
-
-
-def read_errors(path):
-    """qvn_replay --errors-out: t_s, accuracy, then <output>_heading and
-    <output>_tilt per output; empty cells (steps not scored) become NaN."""
-    with open(path, newline="") as f:
-        reader = csv.DictReader(f)
-        if reader.fieldnames is None or reader.fieldnames[:2] != ["t_s", "accuracy"]:
-            raise ValueError(f"{path}: not a qvn_replay --errors-out file")
-        cols = {name: [] for name in reader.fieldnames}
-        for row in reader:
-            for name in reader.fieldnames:
-                cols[name].append(float(row[name]) if row[name] else math.nan)
-    outputs = [n[: -len("_heading")] for n in reader.fieldnames if n.endswith("_heading")]
-    return cols, outputs
-
-
-def rms(values):
-    v = [x for x in values if not math.isnan(x)]
-    return math.sqrt(sum(x * x for x in v) / len(v)) if v else math.nan
-
-
-def plot_errors(plt, cols, outputs, out):
-    fig, axes = new_figure(plt, len(outputs), 1)
-    t = cols["t_s"]
-    for ax, name in zip(axes, outputs):
-        h, tl = cols[f"{name}_heading"], cols[f"{name}_tilt"]
-        ax.plot(t, h, linewidth=0.6, label=f"heading error (RMS {rms(h):.1f})")
-        ax.plot(t, tl, linewidth=0.6, label=f"tilt error (RMS {rms(tl):.1f})")
-        ax.set_ylabel(f"{name} (deg)")
-        ax.grid(True, alpha=0.3)
-        ax.legend(loc="upper left", fontsize="small")
-        level = ax.twinx()
-        level.step(t, cols["accuracy"], where="post", color="gray", linewidth=0.8)
-        level.set_ylim(-0.3, 3.3)
-        level.set_yticks([0, 1, 2, 3])
-        level.set_ylabel("accuracy", color="gray")
-    axes[-1].set_xlabel("time (s)")
-    fig.suptitle("attitude error against the truth (one constant heading offset removed per output); "
-                 "gray: calibration accuracy level")
-    fig.tight_layout()
-    fig.savefig(out, dpi=DPI)
+def beside(path, name):
+    cand = os.path.join(os.path.dirname(os.path.abspath(path)), name)
+    return cand if os.path.exists(cand) else None
 
 
 def main(argv):
-    ap = argparse.ArgumentParser(
-        prog="qvn_plot",
-        description="Turn a qvn_replay --out CSV into PNG figures "
-        f"({FIG_WIDTH_PX}x{FIG_HEIGHT_PX} px each): field_clouds.png, "
-        "field_accuracy.png, orientation.png.")
+    ap = argparse.ArgumentParser(prog="qvn_plot", description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("steps", nargs="?", help="CSV written by qvn_replay --out")
     ap.add_argument("--errors", help="CSV written by qvn_replay --errors-out (adds errors.png)")
+    ap.add_argument("--attempts", help="qvn_replay --attempts-out CSV (default: attempts.csv beside the steps)")
+    ap.add_argument("--quality", help="qvn_replay --quality-out CSV (default: quality.csv beside the steps)")
     ap.add_argument("--out-dir", default=".", help="folder for the PNG files (default .)")
-    ap.add_argument("--gt", help="true orientation t_ns,qw,qx,qy,qz (default: gt.csv beside the events "
-                    "if --events is given)")
+    ap.add_argument("--gt", help="true orientation t_ns,qw,qx,qy,qz (default: gt.csv beside --events)")
     ap.add_argument("--events", help="the replayed events file, to find gt.csv beside it")
+    ap.add_argument("--hw-gyro", type=int, choices=[0, 1], default=0,
+                    help="the replay's hwGyro: which path's angle order the truth is shown in (default 0)")
+    ap.add_argument("--from", dest="t_from", type=float, help="first second shown (from the first step)")
+    ap.add_argument("--to", dest="t_to", type=float, help="last second shown")
     args = ap.parse_args(argv)
+    if args.steps is None and args.errors is None:
+        ap.error("give a steps CSV, --errors, or both")
 
     import matplotlib
 
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
 
-    if args.steps is None and args.errors is None:
-        ap.error("give a steps CSV, --errors, or both")
     try:
-        steps = read_steps(args.steps) if args.steps else None
-        errors = read_errors(args.errors) if args.errors else None
-        gt = args.gt
-        if gt is None and args.events:
-            cand = os.path.join(os.path.dirname(args.events), "gt.csv")
-            gt = cand if os.path.exists(cand) else None
-        truth = read_truth(gt) if gt else None
-    except (ValueError, KeyError, TypeError) as e:
+        plots = import_plots()
+        steps = attempts = quality = truth = errors = None
+        if args.steps:
+            steps = read_csv(args.steps, ["t_ns", "raw_x", "raw_y", "raw_z", "cal_x", "cal_y", "cal_z",
+                                          "offset_x", "offset_y", "offset_z", "accuracy", "azimuth",
+                                          "pitch", "roll", "gravity_x", "gravity_y", "gravity_z"],
+                             "a qvn_replay --out file", only_required=True)
+            a = args.attempts or beside(args.steps, "attempts.csv")
+            q = args.quality or beside(args.steps, "quality.csv")
+            if a:
+                # No rows: no batch was ever complete.
+                attempts = read_csv(a, ["t_ns", "passed", "adopted", "coverage"], "an attempts file",
+                                    may_be_empty=True)
+                attempts = attempts if len(attempts) else None
+            if q:
+                quality = read_csv(q, ["t_ns", "batch", "coverage", "offset_distance", "ref_x", "ref_y", "ref_z",
+                                       "ref_radius", "ref_sensor_x", "ref_sensor_y", "ref_sensor_z"],
+                                   "a quality file", only_required=True)
+        if args.errors:
+            errors = read_csv(args.errors, ["t_s", "accuracy"], "a qvn_replay --errors-out file")
+            errors = errors.astype({c: "float32" for c in errors.columns if c != "t_s"})
+        gt = args.gt or (beside(args.events, "gt.csv") if args.events else None)
+        if gt and steps is not None:
+            truth = read_csv(gt, ["t_ns", "qw", "qx", "qy", "qz"], "a ground-truth file",
+                             complete=True)
+    except (ValueError, ImportError) as e:
         print(f"qvn_plot: {e}", file=sys.stderr)
         return 2
-    except OSError as e:
-        print(f"qvn_plot: {e}", file=sys.stderr)
-        return 1
+    window = dict(t_from=args.t_from, t_to=args.t_to)
+    names = []
+    if steps is not None:
+        names += ["field_clouds.png", "field_accuracy.png", "orientation.png"]
+    if errors is not None:
+        names.append("errors.png")
     try:
-        return write_figures(plt, args, steps, errors, truth)
+        os.makedirs(args.out_dir, exist_ok=True)
+        # Figures replace regular files only: never a device, FIFO or folder.
+        for name in names:
+            path = os.path.join(args.out_dir, name)
+            if os.path.lexists(path) and not os.path.isfile(path):
+                print(f"qvn_plot: {path} is not a regular file", file=sys.stderr)
+                return 1
+        for name in names:
+            if name == "field_clouds.png":
+                fig = plots.field_clouds(steps, attempts, quality, **window)
+            elif name == "field_accuracy.png":
+                fig = plots.calibration_timeline(steps, attempts, quality, **window)
+            elif name == "orientation.png":
+                fig = plots.orientation(steps, truth, args.hw_gyro, **window)
+            else:
+                fig = plots.errors(errors, **window)
+            out = os.path.join(args.out_dir, name)
+            fig.savefig(out, dpi=plots.DPI)
+            plt.close(fig)
+            print(f"wrote {out}")
     except OSError as e:
         print(f"qvn_plot: cannot write the figures in {args.out_dir}: {e.strerror or e}",
               file=sys.stderr)
         return 1
-
-
-def write_figures(plt, args, steps, errors, truth):
-    os.makedirs(args.out_dir, exist_ok=True)
-    # Figures replace regular files only: never a device, FIFO or folder.
-    for name in ("field_clouds.png", "field_accuracy.png", "orientation.png", "errors.png"):
-        path = os.path.join(args.out_dir, name)
-        if os.path.lexists(path) and not os.path.isfile(path):
-            raise OSError(f"{path} is not a regular file")
-    outs = []
-    if steps is not None:
-        outs = [os.path.join(args.out_dir, n) for n in ("field_clouds.png", "field_accuracy.png", "orientation.png")]
-        plot_clouds(plt, steps, outs[0])
-        plot_magnitude(plt, steps, outs[1])
-        plot_orientation(plt, steps, truth, outs[2])
-    if errors is not None:
-        outs.append(os.path.join(args.out_dir, "errors.png"))
-        plot_errors(plt, errors[0], errors[1], outs[-1])
-    for o in outs:
-        print(f"wrote {o}")
     return 0
 
 

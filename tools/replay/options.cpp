@@ -130,6 +130,18 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
                  "per-step heading and tilt errors of every output (CSV, for qvn_plot --errors)")
       ->type_name("FILE.csv");
   app.add_flag("!--no-lag", o->lag, "do not estimate each output's lag (faster)");
+  app.add_option("--attempts-out", o->attempts_out,
+                 "every calibration attempt (CSV): time, method, samples, sphere of the batch, "
+                 "verdict and the bound that refused it")
+      ->type_name("FILE.csv");
+  app.add_option("--quality-out", o->quality_out,
+                 "per step (CSV): batch count, share of directions covered, distance of the "
+                 "offset in force from the reference fit")
+      ->type_name("FILE.csv");
+  app.add_option("--reference-events", o->reference_events,
+                 "fit the offset reference on the magnetometer events of FILE (a calibration "
+                 "recording of the same phone) instead of on the replayed recording")
+      ->type_name("FILE");
   app.add_option("--truth", o->truth,
                  "simulator truth (offset_uT, soft_iron; default: truth.txt beside EVENTS.csv)")
       ->type_name("FILE");

@@ -15,6 +15,7 @@ namespace qvn_tools {
 
 struct ReplayOptions {
   std::string events, lib, hwname, out, sysfs_root, gt, truth, errors_out;
+  std::string attempts_out, quality_out, reference_events;
   int hw_gyro = 0;
   bool hwname_set = false, list = false, skip_early_gyro = false, reinit_on_nan = false;
   bool no_truth = false, summary = true, lag = true;

@@ -137,7 +137,9 @@ bool Replayer::Feed(const Event &e, StepRow *row, bool *stepped, std::string *er
       row->raw[1] = s.y;
       row->raw[2] = s.z;
       api.QVN_CaliApiSetMagData(&s);
+      if (config_.before_cali) config_.before_cali();
       api.QVN_DoCaliAPI(&s, &row->cal);
+      if (config_.after_cali) config_.after_cali(*row);
       for (int k = 0; k < kFusionOutputCount; ++k) getters_[k](&row->fusion[k]);
       for (int k = 0; k < 4; ++k) row->qfusion[k] = qfusion_ != nullptr ? qfusion_[k] : NAN;
       *stepped = true;

@@ -48,6 +48,10 @@ struct ReplayConfig {
   // azimuth memory of the moving average (orient_pre[0] = 0).
   bool reinit_on_nan = false;
   std::function<void()> reinitialise;
+  // Called right before and right after every QVN_DoCaliAPI (the calibration
+  // attempt decoder reads the library's state there).
+  std::function<void()> before_cali;
+  std::function<void(const StepRow &)> after_cali;
 };
 
 struct ReplayCounts {

@@ -19,6 +19,7 @@
 #include "core/ground_truth.h"
 #include "core/tunables.h"
 #include "replay/accuracy.h"
+#include "replay/cali_report.h"
 #include "replay/library.h"
 #include "replay/options.h"
 #include "replay/replay_loop.h"
@@ -151,6 +152,23 @@ std::string Span(int64_t a, int64_t b) {
   return buf;
 }
 
+// The magnetometer events of a file, read one event at a time (the offset
+// reference needs them all; the other sensors are not kept).
+bool ReadMagEvents(const std::string &path, const ReplayOptions &o, std::vector<Event> *mag,
+                   std::string *error) {
+  EventCsvOptions eo;
+  eo.allow_nonfinite = o.allow_nonfinite;
+  eo.allow_unsorted = true;
+  EventReader reader;
+  if (!reader.Open(path, eo, error)) return false;
+  Event e;
+  while (reader.Next(&e)) {
+    if (e.sensor == Sensor::kMag) mag->push_back(e);
+  }
+  *error = reader.error();
+  return error->empty();
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -219,12 +237,27 @@ int main(int argc, char **argv) {
     return 0;
   }
 
+  // Calibration attempts, decoded from the library's exported state around
+  // every step, and the offset reference fitted beforehand.
+  std::vector<Event> reference_mag;
+  const std::string &reference_file = o.reference_events.empty() ? o.events : o.reference_events;
+  if (!ReadMagEvents(reference_file, o, &reference_mag, &error)) {
+    const char *what = o.reference_events.empty() ? "" : "--reference-events: ";
+    return ReplayFail(LoadCode(error), what + error);
+  }
+  CaliTracking cali;
+  ReplayConfig config;
+  std::string warning;
+  cali.Attach(lib, reference_mag, o.reference_events.empty() ? nullptr : &reference_mag,
+              o.reference_events, &config, &warning);
+  if (!warning.empty()) std::fprintf(stderr, "qvn_replay: warning: %s\n", warning.c_str());
+  std::vector<Event>().swap(reference_mag);
+
   SummaryInput sum;
   float initial_offset[3] = {0, 0, 0};
   api.QVN_CaliApiGetOffset(initial_offset);
   const float *limit = static_cast<const float *>(lib.Symbol("k7q_interference_threshold"));
   StepDigest digest(initial_offset, limit != nullptr ? *limit : NAN);
-  ReplayConfig config;
   config.skip_early_gyro = o.skip_early_gyro;
   config.reinit_on_nan = o.reinit_on_nan;
   config.reinitialise = initialise;
@@ -336,7 +369,19 @@ int main(int argc, char **argv) {
       return ReplayFail(kExitRuntime, error);
   }
 
+  double true_offset[3];
+  bool has_true_offset = !o.truth.empty() && truth.HasOffset();
+  for (int k = 0; k < 3 && has_true_offset; ++k) true_offset[k] = (*truth.Get("offset_uT"))[k];
+  const CaliReportInput *report = cali.Finish(t0, has_true_offset ? true_offset : nullptr);
+  if (report != nullptr && !o.attempts_out.empty() &&
+      !WriteAttemptsCsv(o.attempts_out, *report, &error))
+    return ReplayFail(kExitRuntime, error);
+  if (report != nullptr && !o.quality_out.empty() &&
+      !WriteQualityCsv(o.quality_out, *report, &error))
+    return ReplayFail(kExitRuntime, error);
+
   if (o.summary) {
+    sum.cali = report;
     sum.events_path = o.events;
     sum.steps = &digest;
     sum.counts = replayer.counts();

@@ -246,10 +246,12 @@ void PrintSummary(const SummaryInput &given, FILE *out) {
                  "at +%.2f s\n",
                  "remedy", in.counts.reinits, Seconds(in.counts.first_reinit_ns, t0));
   }
+  if (in.cali != nullptr) PrintCaliReport(*in.cali, out);
   if (in.accuracy != nullptr) {
     std::fprintf(out, "%-20s%s\n", "ground truth", in.gt_path.c_str());
     PrintAccuracy(*in.accuracy, t0, out);
   }
+  if (in.cali != nullptr) PrintCaliVerdict(*in.cali, out);
 }
 
 }  // namespace qvn_tools

@@ -16,6 +16,7 @@
 #include "core/event_csv.h"
 #include "core/ground_truth.h"
 #include "replay/accuracy.h"
+#include "replay/cali_report.h"
 #include "replay/library.h"
 #include "replay/replay_loop.h"
 
@@ -82,6 +83,7 @@ struct SummaryInput {
   std::string gt_path;
   const CalibrationTruth *truth = nullptr;  // may be null
   std::string truth_path;
+  const CaliReportInput *cali = nullptr;  // attempts, coverage, offset quality; may be null
 };
 
 void PrintSummary(const SummaryInput &in, FILE *out);
