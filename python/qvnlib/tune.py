@@ -571,6 +571,9 @@ def parser() -> argparse.ArgumentParser:
       help="trials in the study, the default set's included")
     a("--time-limit", type=_nonneg(float), default=None, help="stop this process after S seconds")
     a("--sampler", default="tpe", choices=("tpe", "cmaes", "random"))
+    a("--no-pruning", action="store_true",
+      help="evaluate every trial in full (which trials a median rule prunes depends on the "
+      "order in which several workers finish them)")
     a("--storage", help="study storage URL (default sqlite:///qvn_tune_study.db in the current "
       "folder; postgresql://user@host/db for several machines)")
     a("--study", help="study name (default: one derived from the search)")
@@ -693,7 +696,8 @@ def _main(argv) -> int:
     name = args.study or f"qvn_tune-{search}"
     storage = _storage(args.storage)
     sampler = make_sampler(args.sampler, args.seed, max(1, args.workers))
-    pruner = optuna.pruners.MedianPruner(n_startup_trials=5, n_warmup_steps=0)
+    pruner = (optuna.pruners.NopPruner() if args.no_pruning
+              else optuna.pruners.MedianPruner(n_startup_trials=5, n_warmup_steps=0))
     study = optuna.create_study(study_name=name, storage=storage, sampler=sampler,
                                 pruner=pruner, direction="minimize", load_if_exists=True)
     if study.user_attrs.get("search", search) != search:
@@ -721,6 +725,9 @@ def _main(argv) -> int:
         env["PYTHONPATH"] = os.pathsep.join(p for p in (here, env.get("PYTHONPATH")) if p)
         helpers = [subprocess.Popen(_worker_args(cmd), env=env) for _ in range(args.workers - 1)]
     objective = Objective(evals, dims, config, args.budget)
+    if args.worker:
+        study.set_user_attr(f"ready-{os.getpid()}", True)
+    _wait_ready(study, helpers)  # so that a slow start does not leave a helper idle
     try:
         run_worker(args, study, objective, start)
     finally:
@@ -729,6 +736,15 @@ def _main(argv) -> int:
     if args.worker:
         return 0
     return report(args, study, objective, evals, dims, time.monotonic() - start, argv)
+
+
+def _wait_ready(study, helpers, limit_s: float = 120.0) -> None:
+    end = time.monotonic() + limit_s
+    while time.monotonic() < end:
+        attrs = study.user_attrs if helpers else {}
+        if all(h.poll() is not None or attrs.get(f"ready-{h.pid}") for h in helpers):
+            return
+        time.sleep(0.2)
 
 
 def _worker_args(cmd):
