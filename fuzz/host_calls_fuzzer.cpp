@@ -9,6 +9,9 @@
 // clock that a per-sample code moves forward, keeps, moves backward, jumps or
 // sets to any int64.
 //
+// kTunable writes one of a curated table of tunables and working variables;
+// kAnyElement writes any element of any exported variable.
+//
 // Every input starts from the same tunables (snapshot taken at start-up) and,
 // unless the header says otherwise, from a fresh QVN_CaliInitLib. Working
 // state that initialisation does not touch persists between inputs, which is
@@ -21,6 +24,9 @@
 
 #include <android/log.h>
 
+#include <dlfcn.h>
+
+#include "all_variables.h"
 #include "fuzz_input.h"
 #include "orbit.h"
 #include "platform/host/host_platform.h"
@@ -34,7 +40,7 @@ namespace {
 
 enum Op : uint8_t {
   kInit, kAccel, kGyro, kMag, kDoCali, kMagPair, kGetter, kGetOffset, kSetOffset, kEnable,
-  kTunable, kLog, kOrbit, kFullStep, kOpCount
+  kTunable, kLog, kOrbit, kFullStep, kAnyElement, kOpCount
 };
 
 constexpr int64_t kClockStart = 1000000000;  // ns; the first second is spent at load
@@ -138,6 +144,10 @@ void Orbit(qvn_fuzz::Reader &r) {
     MagPair(mag);
   }
 }
+
+// The harness is linked with its symbols exported, so the library's names
+// resolve in its own image.
+void *Resolve(const char *name) { return dlsym(RTLD_DEFAULT, name); }
 
 void DiscardLine(const struct __android_logger_data *, const char *) {}
 
@@ -252,6 +262,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       }
       case kEnable: api.QVN_FusionEnableLib(r.I32()); break;
       case kTunable: qvn_fuzz::WriteTunable(r.U8(), r); break;
+      case kAnyElement: qvn_fuzz::WriteElement(r.U16(), r, Resolve); break;
       case kLog:
         // Formatting runs only for loggable lines; the sink drops them.
         __android_log_set_minimum_priority((r.U8() & 1u) ? ANDROID_LOG_VERBOSE

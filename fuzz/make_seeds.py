@@ -49,7 +49,7 @@ def i32(v):
 
 # ---- host-calls harness: opcodes of host_calls_fuzzer.cpp
 (INIT, ACCEL, GYRO, MAG, DOCALI, MAGPAIR, GETTER, GETOFFSET, SETOFFSET, ENABLE, TUNABLE, LOG,
- ORBIT, FULLSTEP) = range(14)
+ ORBIT, FULLSTEP, ANY_ELEMENT) = range(15)
 STEP_20MS = 80  # time code: 80 quarter milliseconds
 
 
@@ -92,6 +92,12 @@ ALL_GETTERS = u8(GETTER) + u8(7)
 
 
 def host_seeds():
+    # Writes to elements of the generated list of every exported variable
+    # (indices spread over it; integer elements take raw bytes).
+    anywhere = b''.join(u8(ANY_ELEMENT) + struct.pack('<H', i) + v for i, v in (
+        (3, f32('nan')), (77, b'\xff\xff\xff\x7f\xff\xff\xff\x7f'), (500, f32('inf')),
+        (1500, f32(-1e20)), (2600, b'\x00\x80\x00\x80'), (3900, f32(0.0)), (5100, b'\xff')))
+    yield 'any_element_writes', b'\x01' + orbit(samples=80) + anywhere + orbit() + ALL_GETTERS
     still = [full_step((0.0, 0.0, 9.81), (0.0, 0.0, 0.0), (10.0, 20.0, -40.0))
              for _ in range(150)]
     yield 'still_no_gyro', b'\x00' + b''.join(still) + ALL_GETTERS
@@ -180,8 +186,45 @@ def fit_seeds():
     yield 'inverse_size_10', u8(INVERSE) + u8(10) + u8(0) + spd
 
 
+# ---- recovery harness: opcodes of recovery_fuzzer.cpp (samples carry no accuracy byte)
+(L_ACC, L_GYRO, L_MAG, B_ACC, B_GYRO, B_MAG, B_INIT, L_OFFSET, B_OFFSET, VARIABLE, R_ORBIT,
+ L_RECOVER) = range(12)
+
+
+def rsample(op, x, y, z, code=STEP_20MS):
+    return u8(op) + u8(code) + f32(x) + f32(y) + f32(z)
+
+
+def rorbit(**kw):
+    return u8(R_ORBIT) + orbit(**kw)[1:]
+
+
+def variable(index, value):
+    """A write of element `index` of the generated list of exported variables."""
+    return u8(VARIABLE) + struct.pack('<H', index) + value
+
+
+def recovery_seeds():
+    yield 'orbit_then_bare_nan_mag', (b'\x01' + rorbit() + rsample(B_MAG, 'nan', 20.0, -40.0) +
+                                      rorbit(samples=40))
+    yield 'nan_everywhere_soft_gyro', b'\x00' + rorbit(samples=60) + b''.join((
+        rsample(L_ACC, '-inf', 0.0, 9.81), rsample(B_ACC, '-inf', 0.0, 9.81),
+        rsample(B_MAG, 30.0, 20.0, -40.0), rsample(B_GYRO, 'nan', 0.0, 0.0),
+        u8(B_OFFSET) + f32('nan') + f32(0.0) + f32(0.0), u8(L_OFFSET) + f32('inf') * 3))
+    yield 'nfc_offset_nan', (b'\x02' + rorbit(samples=60) + u8(B_OFFSET) + f32('nan') * 3 +
+                             rsample(B_MAG, 30.0, 20.0, -40.0) + u8(B_INIT) + u8(0))
+    yield 'variable_writes', b'\x01' + rorbit(samples=60) + b''.join(
+        variable(i, f32(v)) for i, v in ((5, 'nan'), (40, 'inf'), (300, 0.0), (900, '-inf'),
+                                         (2000, 1e20), (4000, 'nan'))) + rorbit(samples=60)
+    yield 'clock_from_zero', b'\x01' + b''.join(
+        rsample(L_MAG, 30.0, 20.0, -40.0, code=255) + rsample(L_GYRO, 0.1, 0.0, 0.2, code=0) +
+        rsample(L_MAG, 31.0, 20.0, -40.0) + rsample(L_GYRO, 0.1, 0.0, 0.2, code=1)
+        for _ in range(3)) + u8(L_RECOVER) + u8(B_INIT) + u8(2)
+
+
 def main():
-    for harness, seeds in (('host_calls_fuzzer', host_seeds()), ('fits_fuzzer', fit_seeds())):
+    for harness, seeds in (('host_calls_fuzzer', host_seeds()), ('fits_fuzzer', fit_seeds()),
+                           ('recovery_fuzzer', recovery_seeds())):
         folder = os.path.join(HERE, 'corpus', harness)
         os.makedirs(folder, exist_ok=True)
         for old in os.listdir(folder):

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses (clang, ASan + UBSan) in their own build
 # directory, replays the committed regressions, then runs each harness for
-# SECONDS on a scratch copy of its committed seed corpus. Exits non-zero on
+# SECONDS (the recovery harness at most 30) on a scratch copy of its committed
+# seed corpus. Exits non-zero on
 # any finding; the crashing inputs are kept under <build>/findings/.
 #
 #   fuzz/run_fuzzers.sh [SECONDS]        # default 60 per harness (the tools'
@@ -15,7 +16,7 @@ set -euo pipefail
 seconds="${1:-60}"
 cd "$(dirname "$0")/.."
 build="${QVN_FUZZ_BUILD_DIR:-build-fuzz}"
-harnesses=(host_calls_fuzzer fits_fuzzer tool_parsers_fuzzer)
+harnesses=(host_calls_fuzzer fits_fuzzer recovery_fuzzer tool_parsers_fuzzer)
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQVN_BUILD_FUZZ=ON -DQVN_BUILD_TESTS=OFF -DQVN_BUILD_TOOLS=OFF -DQVN_BUILD_BENCH=OFF >/dev/null
@@ -41,7 +42,11 @@ for h in "${harnesses[@]}"; do
   mkdir -p "$scratch/$h"
   cp fuzz/corpus/"$h"/* "$scratch/$h/"
   limit=(-max_total_time="$seconds")
-  if [ "$h" = tool_parsers_fuzzer ] && [ "$seconds" -gt 30 ]; then limit=(-max_total_time=30); fi
+  # The recovery harness replays ten seconds of data per input, the tools'
+  # parsers need no more: 30 s at most each.
+  if [ "$h" = recovery_fuzzer ] || [ "$h" = tool_parsers_fuzzer ]; then
+    [ "$seconds" -gt 30 ] && limit=(-max_total_time=30)
+  fi
   if [ -n "${QVN_FUZZ_RUNS:-}" ]; then limit=(-runs="$QVN_FUZZ_RUNS"); fi
   echo "== $h: fuzzing (${limit[*]})"
   if ! "$bin" "${limit[@]}" -timeout=30 -rss_limit_mb=2048 -print_final_stats=1 \

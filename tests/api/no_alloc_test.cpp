@@ -14,7 +14,12 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+#include <math.h>
+#include <unistd.h>
+
 #include "cali/cali.h"
+#include "qvn_host_layer.h"
 #include "fusion/fusion.h"
 #include "support/param_name.h"
 #include "support/replay.h"
@@ -132,6 +137,48 @@ const Case kCases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Replay, NoAllocation, ::testing::ValuesIn(kCases), qvn_test::ByName());
+
+// The host layer on the sample path, a recovery (the whole core restored
+// and initialised) and automatic saves of the calibration file included.
+TEST(HostLayerNoAllocation, SamplesRecoveryAndSaves) {
+  __android_log_set_logger(DiscardLine);
+  __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
+  qvn_test::MotionPlan plan;
+  plan.seconds = 24.0;
+  const std::vector<qvn_test::SimEvent> events = qvn_test::SimulateMotion(plan);
+  const std::string state = "/tmp/qvn_no_alloc_layer_" + std::to_string(getpid());
+  QvnLayerConfig config;
+  qvn_layer_default_config(&config);
+  config.library_path = QVN_LIB_PATH;
+  config.state_path = state.c_str();
+  config.save_interval_s = 2.0;
+  char why[128];
+  ASSERT_EQ(qvn_layer_open(&config, why, sizeof why), 0) << why;
+  float *weight = static_cast<float *>(dlsym(qvn_layer_library_handle(), "g_quat_weight_mag_normal"));
+  ASSERT_NE(weight, nullptr);
+  size_t i = 0;
+  CaliResult r;
+  for (; i < events.size() && events[i].sensor != qvn_test::Sensor::kMag; ++i) {
+  }
+  g_allocations = 0;
+  g_counting = true;
+  for (; i < events.size(); ++i) {
+    const qvn_test::SimEvent &e = events[i];
+    SensorEvent s = {e.t_ns, e.x, e.y, e.z, 3};
+    if (e.t_ns == 15000000000) *weight = NAN;  // a host's bad write: one recovery
+    if (e.sensor == qvn_test::Sensor::kAcc) qvn_layer_set_accel(&s);
+    if (e.sensor == qvn_test::Sensor::kGyr) qvn_layer_set_gyro(&s);
+    if (e.sensor == qvn_test::Sensor::kMag) qvn_layer_set_mag(&s, &r);
+  }
+  g_counting = false;
+  QvnLayerCounters n;
+  qvn_layer_counters(&n);
+  qvn_layer_close();
+  unlink(state.c_str());
+  EXPECT_EQ(g_allocations, 0);
+  EXPECT_GE(n.recoveries, 1u);
+  EXPECT_GE(n.saves, 2u);
+}
 
 // The counter itself: it must see the allocations of this executable, of
 // operator new and of another shared object (the log library's stderr

@@ -89,6 +89,10 @@ int ParseReplayOptions(int argc, char **argv, ReplayOptions *o) {
   app.add_flag("--reinit-on-nan", o->reinit_on_nan,
                "after a step whose attitude outputs are not finite, call QVN_CaliInitLib again "
                "(with the sets), as a host could");
+  app.add_flag("--host-layer", o->host_layer,
+               "replay through the host layer (libqvnhostlayer: input hygiene, gyroscope held "
+               "until the first magnetometer sample, recovery from outputs that are not "
+               "finite) instead of the bare table");
   app.add_flag("--allow-nonfinite", o->allow_nonfinite,
                "hand nan, inf and values beyond float32 in EVENTS.csv and --set to the library "
                "as they stand (robustness tests); refused by default");

@@ -19,6 +19,7 @@ struct ReplayOptions {
   int hw_gyro = 0;
   bool hwname_set = false, list = false, skip_early_gyro = false, reinit_on_nan = false;
   bool no_truth = false, summary = true, lag = true;
+  bool host_layer = false;  // drive the library through the host layer
   int log_priority = ANDROID_LOG_SILENT;
   bool current_set = false;
   int64_t current = 0;

@@ -19,6 +19,7 @@
 #include "core/ground_truth.h"
 #include "core/tunables.h"
 #include "replay/accuracy.h"
+#include "replay/layer_replay.h"
 #include "replay/cali_report.h"
 #include "replay/library.h"
 #include "replay/options.h"
@@ -230,8 +231,12 @@ int main(int argc, char **argv) {
     api.QVN_CaliInitLib(&chip);
     ApplySets(lib, o.sets);
   };
-  initialise();
-  api.QVN_FusionEnableLib(1);
+  if (!o.host_layer) {
+    initialise();
+    api.QVN_FusionEnableLib(1);
+  } else if (!OpenHostLayer(lib, o.hw_gyro, o.sets, &error)) {
+    return ReplayFail(kExitRuntime, error);
+  }
   if (o.list) {
     ListTunables(lib);
     return 0;
@@ -265,6 +270,7 @@ int main(int argc, char **argv) {
     return folder.SetCurrent(current, why);
   };
   Replayer replayer(lib, config);
+  LayerReplayer layered(lib, config);  // --host-layer
   Progress progress(o.log_priority == ANDROID_LOG_SILENT, o.events);
   if (out.is_open()) std::fprintf(out.file(), "%s\n", kStepCsvHeader);
   // Scoring needs every step; without ground truth nothing is kept.
@@ -304,7 +310,9 @@ int main(int argc, char **argv) {
     prev_t = e.t_ns;
     prev_line = e.line;
     bool stepped = false;
-    if (!replayer.Feed(e, &row, &stepped, &error)) return ReplayFail(kExitRuntime, error);
+    if (!(o.host_layer ? layered.Feed(e, &row, &stepped, &error)
+                       : replayer.Feed(e, &row, &stepped, &error)))
+      return ReplayFail(kExitRuntime, error);
     if (!stepped) continue;
     if (out.is_open()) WriteStepRow(out.file(), row);
     digest.Add(row);
@@ -384,7 +392,7 @@ int main(int argc, char **argv) {
     sum.cali = report;
     sum.events_path = o.events;
     sum.steps = &digest;
-    sum.counts = replayer.counts();
+    sum.counts = o.host_layer ? layered.counts() : replayer.counts();
     sum.lib = &lib;
     sum.hw_gyro = o.hw_gyro;
     sum.hwname = o.hwname;
@@ -394,6 +402,7 @@ int main(int argc, char **argv) {
     sum.truth = o.truth.empty() ? nullptr : &truth;
     sum.truth_path = o.truth;
     PrintSummary(sum, stdout);
+    if (o.host_layer) PrintLayerCounters(stdout);
   }
   return 0;
 }
