@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests and tools need, when missing.
 set -euo pipefail
-packages=(cmake make g++ libgtest-dev libbenchmark-dev android-liblog android-liblog-dev binutils python3 python3-matplotlib valgrind pkg-config python3-dev pybind11-dev python3-numpy python3-pandas python3-pytest libcli11-dev libfast-float-dev libeigen3-dev zlib1g-dev)
+packages=(cmake make g++ libgtest-dev libbenchmark-dev android-liblog android-liblog-dev binutils python3 python3-matplotlib valgrind pkg-config python3-dev pybind11-dev python3-numpy python3-pandas python3-pytest libcli11-dev libfast-float-dev python3-optuna python3-sqlalchemy python3-psycopg2 python3-cmaes postgresql libeigen3-dev zlib1g-dev)
 if [ "${QVN_WITH_FUZZ:-0}" = 1 ]; then packages+=(clang libclang-rt-14-dev); fi
 missing=()
 for p in "${packages[@]}"; do

@@ -133,6 +133,9 @@ def _event_list(events) -> "_core.EventList":
         return events
     if isinstance(events, (str, os.PathLike)):
         return _core.EventList.read(_existing(events))
+    if isinstance(events, (list, tuple)):  # a session: recordings one after another
+        from .sessions import concatenate
+        return concatenate(events).events
     if not isinstance(events, (pd.DataFrame, np.ndarray)):
         raise TypeError("events: a path, a DataFrame or a structured array "
                         f"(t_ns, sensor, x, y, z), not {type(events).__name__}")
@@ -384,7 +387,8 @@ class Library:
                log_level: str = "debug") -> Run:
         """Replays events as ``qvn_replay`` does, with the same option meanings.
 
-        events: a path, or a frame (or structured array) with t_ns, sensor, x, y, z.
+        events: a path, or a frame (or structured array) with t_ns, sensor, x, y, z,
+        or a list of them: a session (``qvnlib.sessions``), replayed in one life.
         hw_gyro: 0 or 1 (which call runs fusion). sets: {name: value} or
         ["NAME=VALUE", ...], written before and after initialisation, after
         those of set_file (a qvn_tune set file, as --set-file).

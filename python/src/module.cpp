@@ -608,6 +608,16 @@ PYBIND11_MODULE(_core, m) {
     return texts;
   });
 
+  // A tuned set as qvn_replay --set-file reads it, and as the host's C function.
+  m.def("set_file_text",
+        [](const std::vector<std::string> &texts, const std::vector<std::string> &comment) {
+          return SetFileText(PyLibrary::ParseSets(texts), comment);
+        });
+  m.def("c_snippet_text",
+        [](const std::vector<std::string> &texts, const std::vector<std::string> &comment) {
+          return CSnippetText(PyLibrary::ParseSets(texts), comment);
+        });
+
   m.def("log_priority", [](const std::string &name) {
     int p = 0;
     if (!ParseLogLevel(name, &p))
