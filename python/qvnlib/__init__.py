@@ -392,13 +392,12 @@ class Library:
         hw_gyro: 0 or 1 (which call runs fusion). sets: {name: value} or
         ["NAME=VALUE", ...], written before and after initialisation, after
         those of set_file (a qvn_tune set file, as --set-file).
-        hwname: ro.boot.hwname. truth: path or frame (t_ns, qw..qz) to score
-        against; calibration_truth: a simulation's truth.txt for the summary.
+        hwname: ro.boot.hwname. host_layer: through the host layer, as
+        --host-layer (skip_early_gyro and reinit_on_nan are then the layer's
+        business and ignored; the summary ends with its counters).
+        truth: path or frame (t_ns, qw..qz) to score against;
+        calibration_truth: a simulation's truth.txt for the summary.
         log: False (dropped), "capture" (kept in Run.log) or "stderr"."""
-        if host_layer:
-            raise NotImplementedError(
-                "host_layer=True: replaying through the host layer is not available in this "
-                "build; replay drives the library's entry table directly")
         if hw_gyro not in (0, 1):
             raise ValueError(f"hw_gyro must be 0 or 1, not {hw_gyro!r}")
         if log not in _LOG_MODES:
@@ -412,8 +411,8 @@ class Library:
                if calibration_truth is not None else None)
         run = self._lib.replay(
             event_list, int(hw_gyro), texts, hwname, bool(skip_early_gyro), bool(reinit_on_nan),
-            int(charging_current), float(from_s), _or(to_s), gt, float(gt_shift_ms),
-            float(warmup_s), _or(score_from_s), _or(score_to_s), bool(lag), cal,
+            bool(host_layer), int(charging_current), float(from_s), _or(to_s), gt,
+            float(gt_shift_ms), float(warmup_s), _or(score_from_s), _or(score_to_s), bool(lag), cal,
             _LOG_MODES[log], _core.log_priority(log_level))
         for line in run.warnings:
             warnings.warn(line, InputWarning, stacklevel=_caller_level())

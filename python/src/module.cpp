@@ -452,8 +452,8 @@ class PyLibrary {
 
   Run Replay(const EventList &events, int hw_gyro, const std::vector<std::string> &sets,
              std::optional<std::string> hwname, bool skip_early_gyro, bool reinit_on_nan,
-             int64_t current, double from_s, double to_s, const Truth *truth, double gt_shift_ms,
-             double warmup_s, double score_from_s, double score_to_s, bool lag,
+             bool host_layer, int64_t current, double from_s, double to_s, const Truth *truth,
+             double gt_shift_ms, double warmup_s, double score_from_s, double score_to_s, bool lag,
              const CalTruth *calibration, int log_mode, int log_priority) const {
     ReplayRequest rq;
     rq.events = &events.events;
@@ -464,6 +464,7 @@ class PyLibrary {
     rq.hwname = hwname.value_or("");
     rq.skip_early_gyro = skip_early_gyro;
     rq.reinit_on_nan = reinit_on_nan;
+    rq.host_layer = host_layer;
     rq.current = current;
     rq.from_s = from_s;
     rq.to_s = to_s;
@@ -594,10 +595,10 @@ PYBIND11_MODULE(_core, m) {
       .def("reset", &PyLibrary::Reset)
       .def("replay", &PyLibrary::Replay, py::arg("events"), py::arg("hw_gyro"), py::arg("sets"),
            py::arg("hwname"), py::arg("skip_early_gyro"), py::arg("reinit_on_nan"),
-           py::arg("current"), py::arg("from_s"), py::arg("to_s"), py::arg("truth"),
-           py::arg("gt_shift_ms"), py::arg("warmup_s"), py::arg("score_from_s"),
-           py::arg("score_to_s"), py::arg("lag"), py::arg("calibration"), py::arg("log_mode"),
-           py::arg("log_priority"));
+           py::arg("host_layer"), py::arg("current"), py::arg("from_s"), py::arg("to_s"),
+           py::arg("truth"), py::arg("gt_shift_ms"), py::arg("warmup_s"),
+           py::arg("score_from_s"), py::arg("score_to_s"), py::arg("lag"),
+           py::arg("calibration"), py::arg("log_mode"), py::arg("log_priority"));
 
   m.def("read_set_file", [](const std::string &path) {
     std::vector<Assignment> sets;

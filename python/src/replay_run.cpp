@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qvn_host_layer.h"
 #include "replay/cali_report.h"
+#include "replay/layer_replay.h"
 #include "replay/summary.h"
 #include "replay/sysfs_folder.h"
 
@@ -86,6 +88,23 @@ class LogRoute {
   }
 };
 
+// The host layer, open for one replay: closing it puts the core back into
+// the state it found at opening, which is the load-time state.
+class OpenLayer {
+ public:
+  ~OpenLayer() {
+    if (open_) qvn_layer_close();
+  }
+  bool Open(const Library &lib, int hw_gyro, const std::vector<Assignment> &sets,
+            std::string *error) {
+    open_ = OpenHostLayer(lib, hw_gyro, sets, error);
+    return open_;
+  }
+
+ private:
+  bool open_ = false;
+};
+
 void ApplySets(const Library &lib, const std::vector<Assignment> &sets) {
   for (const Assignment &s : sets) Apply(s, lib.Symbol(s.info->name));
 }
@@ -147,8 +166,13 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
     api.QVN_CaliInitLib(&chip);
     ApplySets(lib_, rq.sets);
   };
-  initialise();
-  api.QVN_FusionEnableLib(1);
+  OpenLayer layer;
+  if (!rq.host_layer) {
+    initialise();
+    api.QVN_FusionEnableLib(1);
+  } else if (!layer.Open(lib_, rq.hw_gyro, rq.sets, error)) {
+    return false;
+  }
 
   {
     TextSink warnings;
@@ -174,7 +198,18 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
     return folder.SetCurrent(current, why);
   };
   out->rows.reserve(events.size() / 2);
-  if (!RunReplay(lib_, events, config, &out->rows, &sum.counts, error)) return false;
+  if (!rq.host_layer) {
+    if (!RunReplay(lib_, events, config, &out->rows, &sum.counts, error)) return false;
+  } else {
+    LayerReplayer layered(lib_, config);
+    StepRow row;
+    bool stepped = false;
+    for (const Event &e : events) {
+      if (!layered.Feed(e, &row, &stepped, error)) return false;
+      if (stepped) out->rows.push_back(row);
+    }
+    sum.counts = layered.counts();
+  }
   out->counts = sum.counts;
   double true_offset[3];
   bool has_true_offset = rq.calibration != nullptr && rq.calibration->HasOffset();
@@ -214,6 +249,7 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
     sum.truth_path = rq.calibration_label;
     sum.cali = report;
     PrintSummary(sum, summary.file());
+    if (rq.host_layer) PrintLayerCounters(summary.file());
   }
   out->summary = summary.Take();
   return true;

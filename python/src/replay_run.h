@@ -32,6 +32,9 @@ struct ReplayRequest {
   bool hwname_set = false;
   std::string hwname;
   bool skip_early_gyro = false, reinit_on_nan = false;
+  // Through the host layer, as qvn_replay --host-layer (which ignores the two
+  // flags above: holding early gyroscope samples and recovering are its own).
+  bool host_layer = false;
   int64_t current = 0;           // battery current in the private power-supply folder
   double from_s = 0, to_s = -1;  // replayed span from the first event (to < 0: the end)
   // Scoring, when truth is given.

@@ -8,32 +8,17 @@
 // the first time this process sees the library, before anything has called
 // into it, and written back before every replay: a memcpy of a few tens of
 // kilobytes, against a fork of the interpreter or a fresh copy of the file
-// per replay.
+// per replay. The copy is the host layer's own (load_state.h).
 #ifndef QVNLIB_PYTHON_SNAPSHOT_H
 #define QVNLIB_PYTHON_SNAPSHOT_H
 
 #include <string>
-#include <vector>
+
+#include "load_state.h"
 
 namespace qvn_python {
 
-class LoadTimeState {
- public:
-  // Saves the writable segments of the loaded object that contains address.
-  // False with a reason when there is no such object or when it has
-  // thread-local storage (which a copy of its segments would not cover).
-  bool Capture(const void *address, std::string *error);
-  // Writes the saved bytes back.
-  void Restore() const;
-  size_t bytes() const;
-
- private:
-  struct Range {
-    unsigned char *begin;
-    std::vector<unsigned char> saved;
-  };
-  std::vector<Range> ranges_;
-};
+using LoadTimeState = qvn_layer::LoadState;
 
 // The load-time state of the object that contains address, captured on the
 // first call for that object in this process; nullptr (with *error) when it

@@ -25,6 +25,9 @@ CASES = [
     ("reinit-on-nan-current", ["--hw-gyro", "1", "--reinit-on-nan", "--charging-current",
                                "250000"],
      {"hw_gyro": 1, "reinit_on_nan": True, "charging_current": 250000}),
+    ("host-layer-gyro-sets", ["--host-layer", "--hw-gyro", "1", "--set",
+                              "g_quat_weight_acc_normal=0.05"],
+     {"host_layer": True, "hw_gyro": 1, "sets": {"g_quat_weight_acc_normal": 0.05}}),
 ]
 
 
@@ -131,11 +134,6 @@ def test_library_log_is_silent_unless_asked(log, printed, captured, capfd):
     assert out == ""
     assert (" lib: " in err) == printed
     assert (len(run.log) > 0) == captured
-
-
-def test_host_layer_is_refused_clearly():
-    with pytest.raises(NotImplementedError, match="host layer"):
-        qvnlib.replay(WALK, host_layer=True)
 
 
 @pytest.mark.parametrize("kwargs,error", [
