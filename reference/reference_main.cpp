@@ -32,7 +32,11 @@ const char kUsage[] =
 
 bool ToStreams(const std::string &path, qvn_reference::Streams *s, std::string *error) {
   std::vector<qvn_tools::Event> events;
-  if (!qvn_tools::ReadEventCsv(path, &events, error)) return false;
+  // Only each sensor's own stream has to run forwards in time (checked
+  // below), so a file written sensor by sensor is read as it is.
+  qvn_tools::EventCsvOptions options;
+  options.allow_unsorted = true;
+  if (!qvn_tools::ReadEventCsv(path, options, &events, error)) return false;
   int64_t last[3] = {INT64_MIN, INT64_MIN, INT64_MIN};
   for (const qvn_tools::Event &e : events) {
     std::vector<qvn_reference::TimedVec> *v = nullptr;

@@ -168,10 +168,10 @@ TEST(TruthWithSigma, ThresholdAndRefusals) {
       {"t_ns,qw,qx,qy,qz,sigma_deg\n0,1,0,0,0,0.5\n100,1,0,0,0,9\n200,1,0,0,0,0.5\n300,1,0,0,0,0."
        "5\n",
        true, ""},
-      {"0,1,0,0,0,0.5\n100,1,0,0,0\n", false, ":2: expected t_ns,qw,qx,qy,qz,sigma_deg"},
-      {"0,1,0,0,0\n100,1,0,0,0,0.5\n", false, ":2: expected t_ns,qw,qx,qy,qz"},
-      {"0,1,0,0,0,-1\n", false, ":1: expected t_ns,qw,qx,qy,qz,sigma_deg"},
-      {"0,1,0,0,0,nan\n", false, ":1: expected t_ns,qw,qx,qy,qz,sigma_deg"},
+      {"0,1,0,0,0,0.5\n100,1,0,0,0\n", false, ":2: expected 6 fields t_ns,qw,qx,qy,qz,sigma_deg"},
+      {"0,1,0,0,0\n100,1,0,0,0,0.5\n", false, ":2: expected 5 fields t_ns,qw,qx,qy,qz"},
+      {"0,1,0,0,0,-1\n", false, ":1: column sigma_deg '-1' is negative"},
+      {"0,1,0,0,0,nan\n", false, ":1: column sigma_deg 'nan' is not a finite number"},
   };
   const std::string path = ::testing::TempDir() + "truth_sigma.csv";
   for (const FileCase &c : cases) {
