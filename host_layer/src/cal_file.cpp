@@ -100,7 +100,9 @@ bool ParseBody(char *body, float offset_limit, TunableCheck check, void *context
       }
       w.offset = static_cast<uint32_t>(offset);
       w.size = static_cast<uint32_t>(digits / 2);
-      snprintf(w.name, sizeof w.name, "%s", name);
+      const size_t name_len = strnlen(name, sizeof w.name - 1);  // cut as a bounded copy would
+      memcpy(w.name, name, name_len);
+      w.name[name_len] = '\0';
       if (check != nullptr && !check(w.name, w.offset, w.size, context)) {
         Say(message, message_size,
             "line %d: '%s' bytes %u..%u are not inside a variable this library exports", line_no,
