@@ -1,6 +1,7 @@
 // Decoding calibration attempts from the library's exported state (see the
 // header for what is read and why).
 #include "core/cali_attempts.h"
+#include "core/checked.h"
 
 #include <algorithm>
 #include <cmath>
@@ -221,14 +222,19 @@ void AttemptDecoder::Decode(const CaliSnapshot &b, const CaliSnapshot &a, int64_
     if (b.hold == 0 || a.hold > b.hold) hold_from_disturbance_ = a.rate == b.rate && step_ > 0;
     stats_.hold_steps++;
     if (have_last_t_ && t_ns > last_t_) {
-      stats_.hold_ns += t_ns - last_t_;
-      if (hold_from_disturbance_) stats_.disturbance_hold_ns += t_ns - last_t_;
+      // Clocks anywhere in int64: the step and the totals saturate.
+      const int64_t dt = SaturatingInt64(SpanNs(last_t_, t_ns));
+      stats_.hold_ns = SaturatingAdd(stats_.hold_ns, dt);
+      if (hold_from_disturbance_)
+        stats_.disturbance_hold_ns = SaturatingAdd(stats_.disturbance_hold_ns, dt);
     }
     return;
   }
   if (b.interference > 0) {
     stats_.interference_steps++;
-    if (have_last_t_ && t_ns > last_t_) stats_.interference_ns += t_ns - last_t_;
+    if (have_last_t_ && t_ns > last_t_)
+      stats_.interference_ns =
+          SaturatingAdd(stats_.interference_ns, SaturatingInt64(SpanNs(last_t_, t_ns)));
   }
   CaliMethod method = a.mode == 0 ? CaliMethod::kOval
                                   : (a.mode == 1 ? CaliMethod::kGyro
@@ -431,7 +437,7 @@ std::string RefusalCounts(const std::vector<CaliAttempt> &attempts) {
 
 std::string CalibrationVerdict(const std::vector<CaliAttempt> &attempts,
                                const CollectionStats &stats, int64_t t0_ns) {
-  auto secs = [&](int64_t t) { return static_cast<double>(t - t0_ns) / kNsPerS; };
+  auto secs = [&](int64_t t) { return SpanNs(t0_ns, t) / kNsPerS; };
   size_t refused = 0;
   const CaliAttempt *first = nullptr, *first_offset = nullptr;
   for (const CaliAttempt &a : attempts) {

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/checked.h"
 #include "reference/mag_calibration.h"
 
 namespace qvn_tools {
@@ -29,7 +30,7 @@ const double kCoverageMarks[] = {10, 30, 60};  // seconds after the start
 // reported as poorly determined along it.
 constexpr double kReferenceMaxSe = 1.0;
 
-double Seconds(int64_t t, int64_t t0) { return static_cast<double>(t - t0) / kNsPerS; }
+double Seconds(int64_t t, int64_t t0) { return SpanNs(t0, t) / kNsPerS; }
 
 V3 Offset(const CaliStep &r) { return {r.offset[0], r.offset[1], r.offset[2]}; }
 
