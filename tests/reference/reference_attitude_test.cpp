@@ -15,14 +15,14 @@ namespace {
 
 using qvn_reference::ReferenceResult;
 using qvn_sim::SimRecording;
-using qvn_sim::SimSpec;
+using qvn_sim::SimScene;
 
 struct Scores {
   qvn_tools::ErrorStats all, in_disturbance;
 };
 
 // Scored from 5 s on, as a replay scores an output.
-Scores Score(const ReferenceResult &r, const SimRecording &sim, const SimSpec &spec) {
+Scores Score(const ReferenceResult &r, const SimRecording &sim, const SimScene &scene) {
   std::vector<std::pair<int64_t, qvn_tools::Quat>> samples;
   for (const auto &s : sim.truth) {
     const Eigen::Quaterniond &q = s.second;
@@ -37,9 +37,9 @@ Scores Score(const ReferenceResult &r, const SimRecording &sim, const SimSpec &s
   w.from_ns = t0 + 5000000000LL;
   Scores out;
   out.all = qvn_tools::ScoreEstimates(est, truth, w);
-  if (spec.disturb_s > 0) {
-    w.from_ns = t0 + static_cast<int64_t>(spec.disturb_from_s * 1e9);
-    w.to_ns = w.from_ns + static_cast<int64_t>(spec.disturb_s * 1e9);
+  if (scene.disturb_s > 0) {
+    w.from_ns = t0 + static_cast<int64_t>(scene.disturb_from_s * 1e9);
+    w.to_ns = w.from_ns + static_cast<int64_t>(scene.disturb_s * 1e9);
     out.in_disturbance = qvn_tools::ScoreEstimates(est, truth, w);
   }
   return out;
@@ -47,12 +47,12 @@ Scores Score(const ReferenceResult &r, const SimRecording &sim, const SimSpec &s
 
 struct Case {
   const char *name;
-  SimSpec spec;
+  SimScene scene;
   double max_heading_rms, max_tilt_rms;  // degrees
 };
 
-SimSpec Spec(double still_s, Eigen::Vector3d drift, double disturb_from, double disturb_s) {
-  SimSpec s;
+SimScene Scene(double still_s, Eigen::Vector3d drift, double disturb_from, double disturb_s) {
+  SimScene s;
   s.still_start_s = still_s;
   s.drift = drift;
   s.disturb_from_s = disturb_from;
@@ -64,28 +64,28 @@ class ReferenceOnSimulation : public ::testing::TestWithParam<Case> {};
 
 TEST_P(ReferenceOnSimulation, TracksTheTruth) {
   const Case &c = GetParam();
-  SimRecording sim = qvn_sim::Simulate(c.spec);
+  SimRecording sim = qvn_sim::Simulate(c.scene);
   ReferenceResult r = qvn_reference::ComputeReference(sim.streams, nullptr);
   ASSERT_TRUE(r.ok) << r.error;
-  Scores s = Score(r, sim, c.spec);
+  Scores s = Score(r, sim, c.scene);
   ASSERT_GT(s.all.scored, 1000u);
   EXPECT_LT(s.all.heading_rms, c.max_heading_rms) << r.report;
   EXPECT_LT(s.all.tilt_rms, c.max_tilt_rms) << r.report;
   // The calibration found the planted offset (all cases sweep every direction).
   for (int k = 0; k < 3; ++k)
-    EXPECT_NEAR(r.cal.offset[static_cast<size_t>(k)], c.spec.offset[k], 1.0);
+    EXPECT_NEAR(r.cal.offset[static_cast<size_t>(k)], c.scene.offset[k], 1.0);
 
-  if (c.spec.still_start_s > 0) {
+  if (c.scene.still_start_s > 0) {
     ASSERT_FALSE(r.still.empty());
     EXPECT_NEAR(r.still.front().from_ns * 1e-9, 1.0, 0.5);  // starts at the recording's start
-    EXPECT_NEAR(r.still_bias.bias.x(), c.spec.bias.x(), 2e-3);
+    EXPECT_NEAR(r.still_bias.bias.x(), c.scene.bias.x(), 2e-3);
   }
   // The smoothed bias follows the drift from start to end.
-  const Eigen::Vector3d b_end = c.spec.bias + c.spec.drift * c.spec.seconds;
-  EXPECT_LT((r.smoothed_bias_start - c.spec.bias).norm(), 3e-3) << r.report;
+  const Eigen::Vector3d b_end = c.scene.bias + c.scene.drift * c.scene.seconds;
+  EXPECT_LT((r.smoothed_bias_start - c.scene.bias).norm(), 3e-3) << r.report;
   EXPECT_LT((r.smoothed_bias_end - b_end).norm(), 3e-3) << r.report;
 
-  if (c.spec.disturb_s > 0) {
+  if (c.scene.disturb_s > 0) {
     // Nearly every disturbed field sample is flagged, few others are.
     size_t hit = 0, planted = 0, false_alarm = 0;
     for (size_t i = 0; i < sim.disturbed.size(); ++i) {
@@ -100,8 +100,8 @@ TEST_P(ReferenceOnSimulation, TracksTheTruth) {
     EXPECT_LT(s.in_disturbance.heading_rms, c.max_heading_rms);
     // The span is marked untrusted, the rest is not.
     const int64_t from =
-        sim.truth.front().first + static_cast<int64_t>(c.spec.disturb_from_s * 1e9);
-    const int64_t to = from + static_cast<int64_t>(c.spec.disturb_s * 1e9);
+        sim.truth.front().first + static_cast<int64_t>(c.scene.disturb_from_s * 1e9);
+    const int64_t to = from + static_cast<int64_t>(c.scene.disturb_s * 1e9);
     size_t inside = 0, inside_low = 0, outside_low = 0;
     for (const auto &x : r.samples) {
       const bool in = x.t_ns >= from && x.t_ns < to;
@@ -121,20 +121,20 @@ const Eigen::Vector3d kDrift = Eigen::Vector3d(3e-5, -3e-5, 3e-5);
 
 INSTANTIATE_TEST_SUITE_P(
     Recordings, ReferenceOnSimulation,
-    ::testing::Values(Case{"moving", Spec(0, kNoDrift, -1, 0), 1.0, 0.5},
-                      Case{"still_start", Spec(5, kNoDrift, -1, 0), 1.0, 0.5},
-                      Case{"drifting_bias", Spec(5, kDrift, -1, 0), 1.0, 0.5},
-                      Case{"disturbed_span", Spec(0, kNoDrift, 50, 8), 1.5, 0.5}),
+    ::testing::Values(Case{"moving", Scene(0, kNoDrift, -1, 0), 1.0, 0.5},
+                      Case{"still_start", Scene(5, kNoDrift, -1, 0), 1.0, 0.5},
+                      Case{"drifting_bias", Scene(5, kDrift, -1, 0), 1.0, 0.5},
+                      Case{"disturbed_span", Scene(0, kNoDrift, 50, 8), 1.5, 0.5}),
     [](const ::testing::TestParamInfo<Case> &i) { return std::string(i.param.name); });
 
 TEST(StillSpans, BiasAndDriftFromTwoSpans) {
   // Still at the start and again after 60 s: the drift between them is found.
-  SimSpec spec;
-  spec.seconds = 70;
-  spec.still_start_s = 0;
-  spec.motion_scale = 0;
-  spec.drift = Eigen::Vector3d(2e-4, 0, -1e-4);
-  SimRecording sim = qvn_sim::Simulate(spec);
+  SimScene scene;
+  scene.seconds = 70;
+  scene.still_start_s = 0;
+  scene.motion_scale = 0;
+  scene.drift = Eigen::Vector3d(2e-4, 0, -1e-4);
+  SimRecording sim = qvn_sim::Simulate(scene);
   // Shake the middle so the spans are two.
   for (auto &a : sim.streams.acc) {
     double t = (a.t_ns - 1000000000) * 1e-9;
@@ -147,7 +147,7 @@ TEST(StillSpans, BiasAndDriftFromTwoSpans) {
   ASSERT_TRUE(b.drift_known);
   EXPECT_NEAR(b.drift.x(), 2e-4, 2e-5);
   EXPECT_NEAR(b.drift.z(), -1e-4, 2e-5);
-  EXPECT_NEAR(b.At(1000000000 + 35000000000LL).x(), spec.bias.x() + 35 * 2e-4, 5e-4);
+  EXPECT_NEAR(b.At(1000000000 + 35000000000LL).x(), scene.bias.x() + 35 * 2e-4, 5e-4);
   EXPECT_NEAR(b.gravity, 9.81, 0.01);
 }
 
@@ -204,9 +204,9 @@ namespace {
 TEST(ReferenceTool, RefusesBadInputAndWritesTheReference) {
   const std::string dir = ::testing::TempDir();
   const std::string events = dir + "ref_tool_events.csv", out = dir + "ref_tool_out.csv";
-  qvn_sim::SimSpec spec;
-  spec.seconds = 20;
-  qvn_sim::SimRecording sim = qvn_sim::Simulate(spec);
+  qvn_sim::SimScene scene;
+  scene.seconds = 20;
+  qvn_sim::SimRecording sim = qvn_sim::Simulate(scene);
   FILE *f = std::fopen(events.c_str(), "w");
   ASSERT_NE(f, nullptr);
   std::fputs("t_ns,sensor,x,y,z\n", f);

@@ -18,7 +18,7 @@
 
 namespace qvn_sim {
 
-struct SimSpec {
+struct SimScene {
   double seconds = 90;
   double still_start_s = 0;
   Eigen::Vector3d bias = Eigen::Vector3d(0.02, -0.01, 0.03);  // rad/s
@@ -54,21 +54,21 @@ class Lcg {
   uint64_t s_;
 };
 
-inline SimRecording Simulate(const SimSpec &spec) {
+inline SimRecording Simulate(const SimScene &scene) {
   constexpr double kPi2 = 6.283185307179586;
   constexpr int64_t kStepNs = 1000000;  // 1 kHz integration
   const Eigen::Vector3d field_world = 45.0 * Eigen::Vector3d(0, std::cos(60.0 / 57.29577951308232),
                                                              -std::sin(60.0 / 57.29577951308232));
   const Eigen::Vector3d g_up(0, 0, 9.81);
-  Lcg rng(spec.seed);
+  Lcg rng(scene.seed);
   SimRecording rec;
   Eigen::Quaterniond q(Eigen::AngleAxisd(0.4, Eigen::Vector3d(0.3, -0.5, 0.8).normalized()));
   const int64_t t0 = 1000000000;
-  const int64_t n = static_cast<int64_t>(spec.seconds * 1000);
+  const int64_t n = static_cast<int64_t>(scene.seconds * 1000);
   for (int64_t k = 0; k <= n; ++k) {
     const double t = static_cast<double>(k) * 1e-3;
     // Motion fades in over a second after the still start.
-    double on = std::clamp(t - spec.still_start_s, 0.0, 1.0) * spec.motion_scale;
+    double on = std::clamp(t - scene.still_start_s, 0.0, 1.0) * scene.motion_scale;
     Eigen::Vector3d w =
         on * Eigen::Vector3d(
                  1.2 * std::sin(kPi2 * 0.13 * t + 0.3) + 0.6 * std::sin(kPi2 * 0.71 * t),
@@ -82,14 +82,14 @@ inline SimRecording Simulate(const SimSpec &spec) {
     const int64_t tn = t0 + k * kStepNs;
     const Eigen::Matrix3d r = q.toRotationMatrix();
     if (k % 10 == 0) {  // 100 Hz accelerometer and gyroscope
-      Eigen::Vector3d bias = spec.bias + spec.drift * t;
+      Eigen::Vector3d bias = scene.bias + scene.drift * t;
       rec.streams.gyr.push_back({tn, w + bias + rng.Gauss3(0.002)});
       rec.streams.acc.push_back({tn, r.transpose() * (a_world + g_up) + rng.Gauss3(0.02)});
     }
     if (k % 20 == 0) {  // 50 Hz magnetometer
-      bool dist = t >= spec.disturb_from_s && t < spec.disturb_from_s + spec.disturb_s;
-      Eigen::Vector3d m = spec.soft_iron * (r.transpose() * field_world) + spec.offset +
-                          (dist ? spec.disturb_ut : Eigen::Vector3d::Zero()) + rng.Gauss3(0.3);
+      bool dist = t >= scene.disturb_from_s && t < scene.disturb_from_s + scene.disturb_s;
+      Eigen::Vector3d m = scene.soft_iron * (r.transpose() * field_world) + scene.offset +
+                          (dist ? scene.disturb_ut : Eigen::Vector3d::Zero()) + rng.Gauss3(0.3);
       rec.streams.mag.push_back({tn, m});
       rec.truth.push_back({tn, q});
       rec.disturbed.push_back(dist);

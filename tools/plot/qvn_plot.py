@@ -34,9 +34,9 @@ def import_plots():
     for c in CANDIDATES:
         path = os.path.join(c, "qvnlib", "plots.py")
         if os.path.isfile(path):
-            spec = importlib.util.spec_from_file_location("qvnlib_plots", path)
-            module = importlib.util.module_from_spec(spec)
-            spec.loader.exec_module(module)
+            found = importlib.util.spec_from_file_location("qvnlib_plots", path)
+            module = importlib.util.module_from_spec(found)
+            found.loader.exec_module(module)
             return module
     try:
         import qvnlib.plots as plots
