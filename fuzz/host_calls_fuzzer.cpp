@@ -28,10 +28,10 @@
 
 #include "all_variables.h"
 #include "fuzz_input.h"
-#include "sample_clock.h"
 #include "orbit.h"
 #include "platform/host/host_platform.h"
 #include "qvnlib/qvnlib.h"
+#include "sample_clock.h"
 #include "tunables.h"
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);

@@ -29,10 +29,10 @@
 
 #include "all_variables.h"
 #include "fuzz_input.h"
-#include "sample_clock.h"
 #include "orbit.h"
 #include "qvn_host_layer.h"
 #include "qvnlib/qvnlib.h"
+#include "sample_clock.h"
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
