@@ -87,7 +87,7 @@ ReferenceResult ComputeReference(const Streams &rec, const Streams *cal_rec,
   std::string &rep = res.report;
 
   // 1. Still spans and bias.
-  res.still = FindStillSpans(rec.acc, rec.gyr, o.still);
+  res.still = FindStillSpans(rec.acc, rec.gyr, rec.mag, o.still);
   res.still_bias = BiasFromStillSpans(res.still, o.still);
   std::vector<std::pair<int64_t, int64_t>> still_spans;
   double still_s = 0;

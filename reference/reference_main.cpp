@@ -79,6 +79,7 @@ double *SmootherSetting(qvn_reference::SmootherOptions *o, const std::string &na
       {"velocity_every_s", &qvn_reference::SmootherOptions::velocity_every_s},
       {"still_velocity_sigma", &qvn_reference::SmootherOptions::still_velocity_sigma},
       {"heading_sigma_deg", &qvn_reference::SmootherOptions::heading_sigma_deg},
+      {"heading_correlation_s", &qvn_reference::SmootherOptions::heading_correlation_s},
       {"gravity_sigma", &qvn_reference::SmootherOptions::gravity_sigma},
       {"initial_bias_sigma", &qvn_reference::SmootherOptions::initial_bias_sigma},
   };

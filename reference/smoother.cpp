@@ -248,7 +248,10 @@ SmootherRun RunSmoother(const std::vector<TimedVec> &acc, const std::vector<Time
         Eigen::Matrix<double, 1, kN> h = Eigen::Matrix<double, 1, kN>::Zero();
         h.block<1, 3>(0, 0) = dpsi * (-Skew(hw));
         Eigen::Matrix<double, 1, 1> z(-WrapPi(std::atan2(hw.x(), hw.y())));
-        double s = o.heading_sigma_deg / kDegPerRad;
+        // One look is worth heading_sigma_deg only once per correlation
+        // time: spread over the steps in it, each counts that much less.
+        double s = o.heading_sigma_deg / kDegPerRad *
+                   std::sqrt(std::max(o.heading_correlation_s / dt, 1.0));
         Eigen::Matrix<double, 1, 1> rr(s * s);
         Update<1>(z, h, rr, &x, &p);
         run.heading_updates++;

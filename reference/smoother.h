@@ -45,7 +45,13 @@ struct SmootherOptions {
   double velocity_sigma_v = 0.6;       // m/s: vertical pseudo-measurement
   double velocity_every_s = 1.0;       // its interval (its errors are correlated)
   double still_velocity_sigma = 0.02;  // m/s where still
-  double heading_sigma_deg = 4.0;      // per step of averaged field
+  // The calibrated field's heading: 4 degrees a look, but its errors (the
+  // calibration's residual, which follows the phone's orientation, and slow
+  // disturbances) stay alike for about heading_correlation_s. Taken as
+  // independent at every step, they outweighed gravity and pulled the tilt
+  // by degrees; each step gets sigma * sqrt(correlation / step) instead.
+  double heading_sigma_deg = 4.0;
+  double heading_correlation_s = 10.0;
   // Accelerometer as a direction of gravity, per step (m/s^2 of the step's
   // mean specific force; 0 = not used): an alternative to the velocity.
   double gravity_sigma = 0;

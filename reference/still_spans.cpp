@@ -25,13 +25,14 @@ struct Moments {
 
 struct Block {
   bool still = false;
-  Moments gyro, acc;
+  Moments gyro, acc, mag;
 };
 
 }  // namespace
 
 std::vector<StillSpan> FindStillSpans(const std::vector<TimedVec> &acc,
-                                      const std::vector<TimedVec> &gyr, const StillOptions &o) {
+                                      const std::vector<TimedVec> &gyr,
+                                      const std::vector<TimedVec> &mag, const StillOptions &o) {
   std::vector<StillSpan> out;
   if (acc.empty() || gyr.empty()) return out;
   const int64_t t0 = std::min(acc.front().t_ns, gyr.front().t_ns);
@@ -46,6 +47,17 @@ std::vector<StillSpan> FindStillSpans(const std::vector<TimedVec> &acc,
     blocks[k].acc.Add(a.v);
     acc_norm[k].Add(Eigen::Vector3d(a.v.norm(), 0, 0));
   }
+  for (const TimedVec &m : mag) {
+    if (m.t_ns < t0 || m.t_ns > t1) continue;
+    blocks[static_cast<size_t>((m.t_ns - t0) / block)].mag.Add(m.v);
+  }
+  // Same field as the run's first block (blocks without a field sample do
+  // not break a run).
+  auto same_field = [&](size_t first, size_t k) {
+    if (blocks[first].mag.n == 0 || blocks[k].mag.n == 0) return true;
+    return (blocks[k].mag.Mean() - blocks[first].mag.Mean()).cwiseAbs().maxCoeff() <=
+           o.mag_tolerance_ut;
+  };
   for (size_t k = 0; k < n; ++k) {
     Block &b = blocks[k];
     b.still = b.gyro.n >= 3 && b.acc.n >= 3 && b.gyro.Sd().maxCoeff() < o.gyro_sd &&
@@ -58,7 +70,7 @@ std::vector<StillSpan> FindStillSpans(const std::vector<TimedVec> &acc,
       continue;
     }
     size_t e = k;
-    while (e < n && blocks[e].still) ++e;
+    while (e < n && blocks[e].still && same_field(k, e)) ++e;
     if (e - k >= min_blocks) {
       StillSpan s;
       Moments g, a;

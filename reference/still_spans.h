@@ -24,6 +24,10 @@ struct StillOptions {
   double gyro_sd = 0.01;  // rad/s
   double acc_sd = 0.08;   // m/s^2
   double min_span_s = 1.0;
+  // A turn at a constant rate keeps the gyroscope and accelerometer steady
+  // too; the raw field does not stay put. A block joins a still run only if
+  // its mean field is within this of the run's first block (each axis, uT).
+  double mag_tolerance_ut = 2.0;
   double min_drift_baseline_s = 30.0;  // spans this far apart give a drift
 };
 
@@ -45,8 +49,11 @@ struct GyroBias {
   }
 };
 
+// mag: the raw magnetometer (may be empty: then only gyroscope and
+// accelerometer decide).
 std::vector<StillSpan> FindStillSpans(const std::vector<TimedVec> &acc,
                                       const std::vector<TimedVec> &gyr,
+                                      const std::vector<TimedVec> &mag,
                                       const StillOptions &options = StillOptions());
 
 GyroBias BiasFromStillSpans(const std::vector<StillSpan> &spans,

@@ -40,10 +40,8 @@ class Session:
         """The truth of recording ``index`` (path, frame or Truth) on the session's
         clock, with its own clock offset ``gt_shift_ms`` applied too."""
         from . import _truth  # the package's converter: paths, frames, Truth
-        t, q = _truth(truth).arrays()
         shift = self.shifts_ns[index] + int(round(gt_shift_ms * 1e6))
-        return _core.Truth.from_arrays(np.asarray(t, dtype=np.int64) + shift, q,
-                                       f"{self.labels[index]} truth")
+        return _truth(truth).shifted(shift, f"{self.labels[index]} truth")
 
 
 def _one(recording) -> "_core.EventList":

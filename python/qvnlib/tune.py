@@ -203,18 +203,19 @@ class Item:
     score_to_s: float | None = None
     gt: str | None = None
     gt_shift_ms: float = 0.0
+    gt_max_sigma: float | None = None
     warmup_s: float = 10.0
     prime: str | None = None
 
 
 MAX_ITEM_VALUE = 1e9  # so that every time in nanoseconds fits 64 bits
 _KEYS = {"from": "from_s", "to": "to_s", "score-from": "score_from_s", "score-to": "score_to_s",
-         "gt-shift-ms": "gt_shift_ms", "warmup": "warmup_s"}
+         "gt-shift-ms": "gt_shift_ms", "gt-max-sigma": "gt_max_sigma", "warmup": "warmup_s"}
 
 
 def parse_item(text: str, warmup_s: float = 10.0, prime: str | None = None) -> Item:
     """``EVENTS.csv[,from=S][,to=S][,score-from=S][,score-to=S][,gt=FILE|still]
-    [,gt-shift-ms=MS][,warmup=S][,prime=EVENTS.csv|none]``"""
+    [,gt-shift-ms=MS][,gt-max-sigma=DEG][,warmup=S][,prime=EVENTS.csv|none]``"""
     fields = text.split(",")
     item = Item(text, fields[0], warmup_s=warmup_s, prime=prime)
     for f in fields[1:]:
@@ -235,7 +236,8 @@ def parse_item(text: str, warmup_s: float = 10.0, prime: str | None = None) -> I
             setattr(item, _KEYS[key], v)
         else:
             raise UsageError(f"recording '{text}': bad item '{f}' (from=S, to=S, score-from=S, "
-                             "score-to=S, gt=FILE|still, gt-shift-ms=MS, warmup=S, prime=FILE)")
+                             "score-to=S, gt=FILE|still, gt-shift-ms=MS, gt-max-sigma=DEG, warmup=S, "
+                             "prime=FILE)")
     if not item.path or (item.to_s is not None and item.to_s <= item.from_s):
         raise UsageError(f"recording '{text}': needs a path and to > from")
     if item.prime and item.from_s > 0:
@@ -291,6 +293,11 @@ def evaluations_of(item: Item, role: str) -> list:
         truth = still_truth(events, item.path) if item.gt == "still" else _truth(gt)
     except (ValueError, RuntimeError, OSError) as e:
         raise UsageError(str(e)) from None
+    if item.gt_max_sigma is not None:
+        if not truth.has_sigma:
+            raise UsageError(f"recording '{item.text}': gt-max-sigma= needs a truth with a "
+                             "sigma_deg column (a reference attitude)")
+        truth.set_max_sigma(item.gt_max_sigma)
     name = "/".join(os.path.normpath(item.path).split(os.sep)[-2:])
     span = f"{item.from_s:g}-{'end' if item.to_s is None else f'{item.to_s:g}'} s"
     if item.score_from_s is not None or item.score_to_s is not None:
@@ -503,8 +510,9 @@ load-time state, exactly as qvn_replay does (sets written before and after
 initialisation).
 
 REC: EVENTS.csv[,from=S][,to=S][,score-from=S][,score-to=S][,gt=FILE][,gt-shift-ms=MS][,warmup=S]
-     [,prime=EVENTS.csv|none]
+     [,gt-max-sigma=DEG][,prime=EVENTS.csv|none]
   seconds from the recording's first event; gt.csv beside it by default;
+  gt-max-sigma=DEG: a reference attitude's samples with a larger sigma_deg are not scored;
   gt=still: the phone does not move (no truth file). With a prime (prime= or --prime) the item
   is scored cold (alone) and warm (after the prime recording, in one life).
 Presets (combine): fusion (hwGyro 1), nogyro (hwGyro 0), calibration, conditioning.
@@ -792,7 +800,7 @@ def replay_command(args, ev: Evaluation) -> str | None:
         c.append("--skip-early-gyro")
     for flag, v in (("--from", it.from_s or None), ("--to", it.to_s),
                     ("--score-from", it.score_from_s), ("--score-to", it.score_to_s),
-                    ("--gt-shift-ms", it.gt_shift_ms or None)):
+                    ("--gt-shift-ms", it.gt_shift_ms or None), ("--gt-max-sigma", it.gt_max_sigma)):
         if v is not None:
             c += [flag, f"{v:g}"]
     c += ["--warmup", f"{it.warmup_s:g}", "--set-file", args.out_set]

@@ -522,6 +522,23 @@ PYBIND11_MODULE(_core, m) {
       .def_static("load", &LoadTruth, py::arg("path"))
       .def_static("from_arrays", &TruthFromArrays, py::arg("t_ns"), py::arg("q"), py::arg("label"))
       .def("arrays", &TruthArrays)
+      .def(
+          "shifted",
+          [](const Truth &t, int64_t delta_ns, const std::string &label) {
+            Truth c = t;  // sigma and the untrusted samples come along
+            c.samples.Shift(delta_ns);
+            c.label = label;
+            return c;
+          },
+          py::arg("delta_ns"), py::arg("label"))
+      .def(
+          "set_max_sigma",
+          [](Truth &t, double max_deg) {
+            if (!(max_deg >= 0)) throw py::value_error("max sigma: needs degrees >= 0");
+            return t.samples.SetMaxSigma(max_deg);
+          },
+          py::arg("max_deg"))
+      .def_property_readonly("has_sigma", [](const Truth &t) { return t.samples.has_sigma(); })
       .def("__len__", [](const Truth &t) { return t.samples.size(); })
       .def_readonly("label", &Truth::label);
 

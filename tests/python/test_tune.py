@@ -117,6 +117,8 @@ def _search_args(recs, out, budget, seed=3):
     (["--train", "{bad}", "--preset", "nogyro"], "bad.csv:3"),
     (["--train", "{walk}", "--preset", "nogyro", "--budget", "-1"], "bad value '-1'"),
     (["--preset", "nogyro"], "no --train recording"),
+    (["--train", "{walk},gt-max-sigma=3", "--preset", "nogyro"], "needs a truth with a sigma_deg"),
+    (["--train", "{walk},gt-max-sigma=-1", "--preset", "nogyro"], "bad item 'gt-max-sigma=-1'"),
 ])
 def test_bad_input_is_named_and_exits_2(recs, tmp_path, args, message, capsys, monkeypatch):
     bad = tmp_path / "bad.csv"
@@ -126,6 +128,26 @@ def test_bad_input_is_named_and_exits_2(recs, tmp_path, args, message, capsys, m
     assert tune.main([a.format(walk=walk, bad=bad) for a in args]) == 2
     err = capsys.readouterr().err
     assert err.startswith("qvn_tune: ") and message in err, err
+
+
+def test_untrusted_reference_samples_stay_unscored_cold_and_warm(recs, tmp_path):
+    # The walk's truth with a sigma column: every other second untrusted.
+    walk = recs / "walk"
+    truth = qvnlib.read_truth(walk / "gt.csv")
+    t0 = int(truth["t_ns"].iloc[0])
+    truth["sigma_deg"] = [9.0 if ((t - t0) // 1_000_000_000) % 2 else 0.5 for t in truth["t_ns"]]
+    ref = tmp_path / "ref.csv"
+    truth.to_csv(ref, index=False)
+    config = dict(hw_gyro=0, skip_early_gyro=True)
+    steps = {}
+    for limit in ("", ",gt-max-sigma=3"):
+        item = tune.parse_item(f"{walk / 'events.csv'},gt={ref}{limit}",
+                               prime=str(recs / "prime" / "events.csv"))
+        cold, warm = tune.evaluations_of(item, "train")
+        steps[limit] = [tune.evaluate(e, config, []).of("orientation")["steps"]
+                        for e in (cold, warm)]
+    for k in range(2):  # about half the steps are left out, primed or not
+        assert 0.35 < steps[",gt-max-sigma=3"][k] / steps[""][k] < 0.65, steps
 
 
 def test_launcher_runs_the_package(tmp_path):
