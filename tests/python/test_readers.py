@@ -59,34 +59,31 @@ def test_events_frame_has_the_file_values():
                                   raw[["t_ns", "x", "y", "z"]].to_numpy())
 
 
-@pytest.mark.parametrize("events,error,message", [
-    (pd.DataFrame({"t_ns": [1.0], "sensor": ["acc"], "x": [0], "y": [0], "z": [9.8]}),
+def _frame(**columns):
+    return pd.DataFrame(columns)
+
+
+# replay() keywords with a bad events or truth frame, the error and its message.
+@pytest.mark.parametrize("kwargs,error,message", [
+    ({"events": _frame(t_ns=[1.0], sensor=["acc"], x=[0], y=[0], z=[9.8])},
      TypeError, "t_ns must hold integers"),
-    (pd.DataFrame({"t_ns": [1, 2], "sensor": ["acc", "baro"], "x": 0.0, "y": 0.0, "z": 0.0}),
+    ({"events": _frame(t_ns=[1, 2], sensor=["acc", "baro"], x=0.0, y=0.0, z=0.0)},
      ValueError, "row 1: unknown sensor 'baro'"),
-    (pd.DataFrame({"t_ns": [1], "sensor": [7], "x": [0.0], "y": [0.0], "z": [0.0]}),
+    ({"events": _frame(t_ns=[1], sensor=[7], x=[0.0], y=[0.0], z=[0.0])},
      ValueError, "unknown sensor code 7"),
-    (pd.DataFrame({"t_ns": [1], "sensor": ["acc"], "x": [0.0], "y": [0.0]}),
-     ValueError, "no column 'z'"),
-    (pd.DataFrame({"t_ns": [1], "sensor": ["acc"], "x": ["a"], "y": [0.0], "z": [0.0]}),
+    ({"events": _frame(t_ns=[1], sensor=["acc"], x=[0.0], y=[0.0])}, ValueError, "no column 'z'"),
+    ({"events": _frame(t_ns=[1], sensor=["acc"], x=["a"], y=[0.0], z=[0.0])},
      TypeError, "column x must hold numbers"),
-    ([(1, "acc", 0, 0, 9.8)], TypeError, "a path, a DataFrame or a structured array"),
+    ({"events": [(1, "acc", 0, 0, 9.8)]}, TypeError, "a path, a DataFrame or a structured array"),
+    ({"truth": _frame(t_ns=[2, 1], qw=1.0, qx=0.0, qy=0.0, qz=0.0)},
+     ValueError, "row 1: time goes backwards"),
+    ({"truth": _frame(t_ns=[1], qw=[0.0], qx=[0.0], qy=[0.0], qz=[0.0])},
+     ValueError, "row 0: the quaternion is zero"),
+    ({"truth": _frame(t_ns=[1], qw=[1.0])}, ValueError, "no column 'qx'"),
 ])
-def test_bad_event_frames_raise(events, error, message):
+def test_bad_frames_raise(kwargs, error, message):
     with pytest.raises(error, match=message):
-        qvnlib.replay(events)
-
-
-@pytest.mark.parametrize("truth,message", [
-    (pd.DataFrame({"t_ns": [2, 1], "qw": 1.0, "qx": 0.0, "qy": 0.0, "qz": 0.0}),
-     "row 1: time goes backwards"),
-    (pd.DataFrame({"t_ns": [1], "qw": [0.0], "qx": [0.0], "qy": [0.0], "qz": [0.0]}),
-     "row 0: the quaternion is zero"),
-    (pd.DataFrame({"t_ns": [1], "qw": [1.0]}), "no column 'qx'"),
-])
-def test_bad_truth_frames_raise(truth, message):
-    with pytest.raises(ValueError, match=message):
-        qvnlib.replay(WALK, to_s=1, truth=truth)
+        qvnlib.replay(**{"events": WALK, "to_s": 1, **kwargs})
 
 
 def test_simulate_writes_what_the_tool_writes(tmp_path):
