@@ -14,16 +14,14 @@ import time
 import pytest
 
 import qvnlib
+from conftest import built_tool
 from qvnlib import sessions, tune
 
 optuna = pytest.importorskip("optuna")  # installed by scripts/deps.sh; only bare machines skip
 
 
 def tune_tool():
-    path = os.environ.get("QVN_TUNE") or os.path.join(
-        os.path.dirname(qvnlib._core.BUILD_TREE_SIMULATE), "qvn_tune")
-    assert os.access(path, os.X_OK), f"no qvn_tune at {path}"
-    return path
+    return built_tool("QVN_TUNE", "qvn_tune")
 
 
 @pytest.fixture(scope="module")
