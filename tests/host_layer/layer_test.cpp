@@ -122,6 +122,8 @@ struct FileCase {
   const char *reason;  // part of the refusal message; nullptr: loaded
 };
 
+void PrintTo(const FileCase &c, std::ostream *os) { *os << c.name; }
+
 std::string ChangeAnOffsetDigit(const std::string &saved) {
   std::string s = saved;
   size_t p = s.find('1', s.find("offset"));
