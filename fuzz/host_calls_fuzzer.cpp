@@ -31,6 +31,7 @@
 #include "orbit.h"
 #include "platform/host/host_platform.h"
 #include "qvnlib/qvnlib.h"
+#include "sample_clock.h"
 #include "tunables.h"
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
@@ -44,40 +45,15 @@ enum Op : uint8_t {
 };
 
 constexpr int64_t kClockStart = 1000000000;  // ns; the first second is spent at load
-constexpr int64_t kQuarterMs = 250000;       // ns, unit of a forward step
-constexpr int64_t kBackStep = 10000000;      // ns, unit of a backward step
 constexpr int kSampleBudget = 400;           // simulated samples per input (keeps runs fast)
 
 int64_t g_now = kClockStart;
 int g_budget = 0;
 char g_sysfs_roots[4][64];
 
-// Moves the clock by a code byte; wraps instead of overflowing.
-int64_t Tick(qvn_fuzz::Reader &r) {
-  const uint8_t c = r.U8();
-  uint64_t now = static_cast<uint64_t>(g_now);
-  if (c < 200) {
-    now += static_cast<uint64_t>(c) * kQuarterMs;  // 0: a repeated timestamp
-  } else if (c < 240) {
-    now -= static_cast<uint64_t>(c - 199) * kBackStep;
-  } else if (c < 252) {
-    now += uint64_t{1} << (c - 240 + 30);  // about 1 s .. 36 min
-  } else if (c == 252) {
-    now = r.U64();
-  } else {
-    const int64_t fixed[] = {INT64_MAX, INT64_MIN, 0};
-    now = static_cast<uint64_t>(fixed[c - 253]);
-  }
-  g_now = static_cast<int64_t>(now);
-  return g_now;
-}
-
+// A sample with an accuracy byte of its own after the values.
 SensorEvent Sample(qvn_fuzz::Reader &r) {
-  SensorEvent e;
-  e.timestamp = Tick(r);
-  e.x = r.Float();
-  e.y = r.Float();
-  e.z = r.Float();
+  SensorEvent e = qvn_fuzz::Sample(r, &g_now);
   e.accuracy = static_cast<int8_t>(r.U8());
   return e;
 }

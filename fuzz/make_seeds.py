@@ -4,12 +4,12 @@
     python3 fuzz/make_seeds.py            # rewrites fuzz/corpus/<harness>/
 
 The seeds are small deterministic streams in the harnesses' input encoding
-(fuzz/fuzz_input.h, fuzz/orbit.h, the opcodes of each harness): a still phone, a phone
-turning through every attitude at an odd hard-iron offset (with and without a
-hardware gyroscope), special values and broken clocks, tunable writes before
-and after initialisation, the NFC variant with logging on, and batches for
-each fit. Tunable indices are read from fuzz/tunables.cpp so they stay in step
-with the table.
+(fuzz/fuzz_input.h, fuzz/sample_clock.h, fuzz/orbit.h, the opcodes of each
+harness): a still phone, a phone turning through every attitude at an odd
+hard-iron offset (with and without a hardware gyroscope), special values and
+broken clocks, tunable writes before and after initialisation, the NFC variant
+with logging on, and batches for each fit. Tunable indices are read from
+fuzz/tunables.cpp so they stay in step with the table.
 """
 import math
 import os

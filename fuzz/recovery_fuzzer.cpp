@@ -32,6 +32,7 @@
 #include "orbit.h"
 #include "qvn_host_layer.h"
 #include "qvnlib/qvnlib.h"
+#include "sample_clock.h"
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
@@ -57,34 +58,7 @@ int g_budget = 0;
 
 void *Resolve(const char *name) { return dlsym(g_core, name); }
 
-int64_t Tick(qvn_fuzz::Reader &r) {
-  const uint8_t c = r.U8();
-  uint64_t now = static_cast<uint64_t>(g_now);
-  if (c < 200) {
-    now += static_cast<uint64_t>(c) * 250000u;
-  } else if (c < 240) {
-    now -= static_cast<uint64_t>(c - 199) * 10000000u;
-  } else if (c < 252) {
-    now += uint64_t{1} << (c - 240 + 30);
-  } else if (c == 252) {
-    now = r.U64();
-  } else {
-    const int64_t fixed[] = {INT64_MAX, INT64_MIN, 0};
-    now = static_cast<uint64_t>(fixed[c - 253]);
-  }
-  g_now = static_cast<int64_t>(now);
-  return g_now;
-}
-
-SensorEvent Sample(qvn_fuzz::Reader &r) {
-  SensorEvent e;
-  e.timestamp = Tick(r);
-  e.x = r.Float();
-  e.y = r.Float();
-  e.z = r.Float();
-  e.accuracy = 3;
-  return e;
-}
+SensorEvent Sample(qvn_fuzz::Reader &r) { return qvn_fuzz::Sample(r, &g_now); }
 
 // The fixed scene: a turning phone in a 45 uT field with a hard-iron offset.
 struct SceneResult {

@@ -54,17 +54,6 @@ TEST(ChargingComp, ThresholdAndProportionalStep) {
   EXPECT_NEAR(m[2], -0.195f, 1e-7f);
 }
 
-TEST(ChargingComp, CurrentFromTheFileOnTheNfcVariant) {
-  SysfsFolder sysfs;
-  sysfs.Write("battery/current_now", "1500000\n");
-  EXPECT_EQ(get_battery_current(), 1500000);
-  comp_charging_x = 0.0004917f;  // x loses 0.0004917 * 1500 uT
-  float m[3] = {5.0f, 0.0f, 0.0f};
-  qvn_linearCharging_Comp(m, get_battery_current());
-  EXPECT_EQ(m[0], 5.0f - (0.0004917f * 1500000.0f) / 1000.0f);
-  EXPECT_NEAR(5.0f - m[0], 0.7375f, 1e-4f);
-}
-
 // Missing files: -1 and one ERROR line per read (the current is read once
 // per sample), nothing compensated.
 TEST(PowerSupplyReaders, MissingFilesLogOncePerRead) {

@@ -17,16 +17,6 @@
 
 namespace {
 
-SensorEvent Event(int64_t t, float x, float y, float z, int32_t accuracy = 0) {
-  SensorEvent e;
-  e.timestamp = t;
-  e.x = x;
-  e.y = y;
-  e.z = z;
-  e.accuracy = accuracy;
-  return e;
-}
-
 void Init(int8_t hw_gyro) {
   ChipInfo info = {7, 42, hw_gyro};
   MAG_LIB_API_INTERFACE.QVN_CaliInitLib(&info);
@@ -81,12 +71,12 @@ class FusionSite : public ::testing::TestWithParam<FusionSiteCase> {};
 TEST_P(FusionSite, RunsFromExactlyOnePlace) {
   const FusionSiteCase c = GetParam();
   Init(c.hw_gyro);
-  SensorEvent acc = Event(5000000000, 0.0f, 0.0f, 9.8f);
+  SensorEvent acc = {5000000000, 0.0f, 0.0f, 9.8f, 0};
   QVN_CaliApiSetAccelData(&acc);
-  SensorEvent gyr = Event(5000000001, 0.0f, 0.0f, 0.0f);
+  SensorEvent gyr = {5000000001, 0.0f, 0.0f, 0.0f, 0};
   QVN_CaliApiSetGyroData(&gyr);
   EXPECT_EQ(timestamp_fuison, c.on_gyro ? 5000000001u : 0u);
-  SensorEvent mag = Event(5000000002, 10.0f, 20.0f, -30.0f);
+  SensorEvent mag = {5000000002, 10.0f, 20.0f, -30.0f, 0};
   CaliResult out;
   QVN_CaliApiSetMagData(&mag);
   QVN_DoCaliAPI(&mag, &out);
@@ -103,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(HwGyro, FusionSite,
 TEST(Entries, SetAccelLogsOnlyWithoutAHardwareGyroscope) {
   qvn_test::LogCapture log;
   Init(1);
-  SensorEvent acc = Event(3000000000, 1.0f, 2.0f, 3.0f);
+  SensorEvent acc = {3000000000, 1.0f, 2.0f, 3.0f, 0};
   QVN_CaliApiSetAccelData(&acc);
   EXPECT_EQ(log.Count("qvn_cali Cali SetAcc:"), 0);
   EXPECT_EQ(acc_timestamp, 3000000000);
@@ -129,7 +119,7 @@ TEST(Throttle, AdmitsALineOnlyAfterMoreThanOneSecond) {
   qvn_test::LogCapture log;
   for (const Step &s : steps) {
     log.Clear();
-    SensorEvent e = Event(s.t, 1.5f, -2.0f, 0.25f, 3);
+    SensorEvent e = {s.t, 1.5f, -2.0f, 0.25f, 3};
     QVN_CaliApiSetMagData(&e);
     EXPECT_EQ(log.CountExact("qvn_cali Cali SetMag  accur:3,data:1.500000,-2.000000,0.250000\n"),
               s.logged ? 1 : 0)
@@ -140,7 +130,7 @@ TEST(Throttle, AdmitsALineOnlyAfterMoreThanOneSecond) {
 TEST(Entries, NfcVariantSmoothsOnlyTheHostsCopy) {
   qvn_host_property_set("ro.boot.hwname", "vask");
   Init(2);
-  SensorEvent mag = Event(7000000000, 30.0f, -12.0f, 40.0f);
+  SensorEvent mag = {7000000000, 30.0f, -12.0f, 40.0f, 0};
   CaliResult out;
   memset(&out, 0xAB, sizeof out);
   QVN_DoCaliAPI(&mag, &out);
@@ -168,7 +158,7 @@ TEST(Entries, OffsetIsPersistedInHundredths) {
     float got[3];
     QVN_CaliApiGetOffset(got);
     EXPECT_EQ(got[0], c.bias);
-    SensorEvent mag = Event(t += 20000000, 30.0f, 0.0f, 40.0f);
+    SensorEvent mag = {t += 20000000, 30.0f, 0.0f, 40.0f, 0};
     CaliResult out;
     QVN_DoCaliAPI(&mag, &out);
     EXPECT_EQ(out.bias_x, c.bias);
@@ -181,7 +171,7 @@ TEST(Entries, PeriodicSummaryOnThe1002ndCallAndEvery1002After) {
   qvn_test::LogCapture log;
   int64_t t = 0;
   for (int call = 1; call <= 2004; ++call) {
-    SensorEvent mag = Event(t += 20000000, 30.0f, 0.0f, 40.0f);
+    SensorEvent mag = {t += 20000000, 30.0f, 0.0f, 40.0f, 0};
     CaliResult out;
     QVN_DoCaliAPI(&mag, &out);
     const int expected = (call >= 2004) ? 2 : (call >= 1002 ? 1 : 0);

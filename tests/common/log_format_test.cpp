@@ -8,14 +8,16 @@
 #include <limits.h>
 #include <math.h>
 #include <stdio.h>
-#include <string.h>
 
 #include <string>
 
 #include "common/log.h"
 #include "support/log_capture.h"
+#include "support/synthetic.h"
 
 namespace {
+
+using qvn_test::FromBits;
 
 std::string Fixed6(float v) {
   char buf[qvn::kFixed6MaxLen + 1];
@@ -33,17 +35,6 @@ std::string Printf(const char *format, ...) {
   return buf;
 }
 
-float FromBits(uint32_t bits) {
-  float f;
-  memcpy(&f, &bits, sizeof f);
-  return f;
-}
-
-uint32_t Lcg(uint32_t *state) {
-  *state = *state * 1664525u + 1013904223u;
-  return *state;
-}
-
 TEST(LogFormat, FloatsAsPrintfWritesThem) {
   const float edges[] = {
       0.0f, -0.0f, INFINITY, -INFINITY, NAN, -NAN, FLT_MAX, -FLT_MAX, FLT_MIN,
@@ -56,9 +47,9 @@ TEST(LogFormat, FloatsAsPrintfWritesThem) {
       16777216.0f, 16777215.0f, 4294967296.0f, 1e20f, 3e38f, -123456.789f, 0.1f};
   for (float v : edges) EXPECT_EQ(Fixed6(v), Printf("%f", static_cast<double>(v))) << v;
 
-  uint32_t state = 12345u;
+  qvn_test::Lcg rng(12345u);
   for (int i = 0; i < 200000; ++i) {
-    const float v = FromBits(Lcg(&state));
+    const float v = FromBits(rng.Next());
     ASSERT_EQ(Fixed6(v), Printf("%f", static_cast<double>(v)));
   }
 }

@@ -6,7 +6,6 @@
 // The soft gyroscope is off (tested on its own); the compass path gets the
 // calibrated field in g_fusion_mag and is stepped as QVN_DoCaliAPI does.
 #include <math.h>
-#include <stdio.h>
 #include <string.h>
 
 #include <gtest/gtest.h>
@@ -88,8 +87,6 @@ TEST_P(StillHeading, BothPathsAgree) {
     raw[hw] = ja_ori[0];
     reported[hw] = Get(MAG_LIB_API_INTERFACE.QVN_FusionGetOrientation).values[0];
   }
-  printf("heading %.1f: raw error compass %.4f gyro %.4f, reported gap %.4f deg\n", truth,
-         Diff(raw[0], truth), Diff(raw[1], truth), Diff(reported[1], reported[0]));
   EXPECT_NEAR(Diff(raw[0], truth), 0.0, 0.01);
   EXPECT_NEAR(Diff(raw[1], truth), 0.0, 0.01);
   // Both report the same compensation of the same raw azimuth, but the
@@ -123,8 +120,6 @@ TEST_P(Turning, GyroPathFollowsTheRate) {
     worst = fmax(worst, fabs(Diff(ja_ori[0], truth)));
   }
   const double measured = turned / (100 * kStepS), expected = -rate / kRadPerDeg;
-  printf("rate %.2f rad/s: %.3f deg/s (expected %.3f), worst heading error %.4f (lead %.4f)\n",
-         rate, measured, expected, worst, lead);
   EXPECT_NEAR(measured, expected, fabs(expected) * 1e-3);
   EXPECT_LT(worst, lead * 1.02 + 0.01);
 

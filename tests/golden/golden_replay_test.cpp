@@ -14,6 +14,7 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include "support/fnv1a.h"
 #include "support/replay.h"
 #include "support/synthetic.h"
 
@@ -21,21 +22,9 @@ namespace {
 
 constexpr int kFullLineEvery = 10;
 
-class Digest {
- public:
-  void Add(const void *p, size_t n) {
-    const unsigned char *b = static_cast<const unsigned char *>(p);
-    for (size_t i = 0; i < n; ++i) h_ = (h_ ^ b[i]) * 1099511628211ull;
-  }
-  uint64_t value() const { return h_; }
-
- private:
-  uint64_t h_ = 14695981039346656037ull;
-};
-
-void AddFloat(std::ostringstream &line, Digest &d, float f) {
+void AddFloat(std::ostringstream &line, qvn_test::Fnv1a &d, float f) {
   const uint32_t b = qvn_test::Bits(f);
-  d.Add(&b, sizeof b);
+  d.U32(b);
   char hex[10];
   snprintf(hex, sizeof hex, " %08x", b);
   line << hex;
@@ -47,7 +36,7 @@ std::string Render(int8_t hw_gyro) {
   plan.seconds = 24.0;
   const std::vector<qvn_test::SimEvent> events = qvn_test::SimulateMotion(plan);
   std::ostringstream all;
-  Digest digest;
+  qvn_test::Fnv1a digest;
   int step = 0;
   qvn_test::ReplayThroughTable(events, hw_gyro, [&](const qvn_test::StepOutputs &o) {
     std::ostringstream line;
@@ -56,7 +45,7 @@ std::string Render(int8_t hw_gyro) {
     for (float f : cali) AddFloat(line, digest, f);
     for (const FusionEvent &e : o.fusion) {
       line << " |" << int(e.accuracy);
-      digest.Add(&e.timestamp, sizeof e.timestamp);
+      digest.U64(static_cast<uint64_t>(e.timestamp));
       for (float f : e.values) AddFloat(line, digest, f);
     }
     if (step % kFullLineEvery == 0) {

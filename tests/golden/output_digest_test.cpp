@@ -27,6 +27,7 @@
 
 #include "platform/host/host_platform.h"
 #include "qvnlib/qvnlib.h"
+#include "support/fnv1a.h"
 
 namespace {
 
@@ -50,27 +51,6 @@ constexpr float kRates[12][3] = {
     {-0.9f, 0.4f, -1.1f}, {1.4f, -0.3f, 0.2f},  {0.0f, 0.0f, 0.0f},   {0.0f, 0.0f, 0.0f}};
 constexpr int kSegment = 150;
 constexpr int kDisturbedFrom = 900, kDisturbedTo = 960;
-
-class Fnv1a {
- public:
-  void Bytes(const void *p, size_t n) {
-    const unsigned char *b = static_cast<const unsigned char *>(p);
-    for (size_t i = 0; i < n; ++i) h_ = (h_ ^ b[i]) * 0x100000001b3ull;
-  }
-  void U64(uint64_t v) {
-    for (int i = 0; i < 8; ++i) Byte(static_cast<unsigned char>(v >> (8 * i)));
-  }
-  void F32(float f) {
-    uint32_t b;
-    memcpy(&b, &f, sizeof b);
-    for (int i = 0; i < 4; ++i) Byte(static_cast<unsigned char>(b >> (8 * i)));
-  }
-  void Byte(unsigned char c) { Bytes(&c, 1); }
-  uint64_t value() const { return h_; }
-
- private:
-  uint64_t h_ = 0xcbf29ce484222325ull;
-};
 
 // Body-frame readings of the simulated phone; attitude integrated with float
 // arithmetic only.
@@ -120,7 +100,7 @@ std::string NonFinite(const Replay &r) {
   return s;
 }
 
-void HashFusion(Fnv1a &h, Replay &r, int kind, const FusionEvent &e) {
+void HashFusion(qvn_test::Fnv1a &h, Replay &r, int kind, const FusionEvent &e) {
   h.U64(static_cast<uint64_t>(e.timestamp));
   for (float v : e.values) {
     h.F32(v);
@@ -145,7 +125,7 @@ Replay ReplayRecording(int8_t hw_gyro, const char *hwname, const char *sysfs_roo
       api.QVN_FusionGetOrientation,  api.QVN_FusionGetLinearaccel,
       api.QVN_FusionGetGameRotationVector, api.QVN_FusionGetGeoMagnetic,
       api.QVN_FusionGetVirtualGyro};
-  Fnv1a h;
+  qvn_test::Fnv1a h;
   Replay r = {0, {0}, 0};
   Phone phone;
   uint32_t lcg = 12345u;

@@ -129,7 +129,9 @@ std::vector<Outputs> HostDriver::Run(const std::vector<SimEvent> &events,
   for (const SimEvent &e : events) {
     while (next < hooks.size() && hooks[next].t_ns <= e.t_ns) hooks[next++].run(*this);
     switch (e.sensor) {
-      case Sensor::kAcc: Acc(e.t_ns, e.x, e.y, e.z); break;
+      case Sensor::kAcc:
+        if (e.t_ns > acc_lost_until) Acc(e.t_ns, e.x, e.y, e.z);
+        break;
       case Sensor::kGyr: Gyro(e.t_ns, e.x, e.y, e.z); break;
       case Sensor::kMag: out.push_back(Mag(e.t_ns, e.x, e.y, e.z)); break;
     }

@@ -58,6 +58,9 @@ class HostDriver {
   // With hwGyro 1, gyroscope events before the first magnetometer event are
   // not delivered (the host order that the bare table needs).
   bool skip_early_gyro = false;
+  // Accelerometer events of the replayed scene up to this time are not
+  // delivered: a stalled sensor. Hooks set it; their own samples still pass.
+  int64_t acc_lost_until = -1;
   bool ok() const { return ok_; }
   const std::string &error() const { return error_; }
   Path path() const { return path_; }

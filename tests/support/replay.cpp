@@ -5,8 +5,7 @@
 namespace qvn_test {
 
 void ReplayThroughTable(const std::vector<SimEvent> &events, int8_t hw_gyro,
-                        const std::function<void(const StepOutputs &)> &visit,
-                        bool keep_early_gyro) {
+                        const std::function<void(const StepOutputs &)> &visit) {
   const QvnLibApiTable &api = MAG_LIB_API_INTERFACE;
   ChipInfo info = {0, 0, hw_gyro};
   api.QVN_CaliInitLib(&info);
@@ -23,7 +22,7 @@ void ReplayThroughTable(const std::vector<SimEvent> &events, int8_t hw_gyro,
         api.QVN_CaliApiSetAccelData(&s);
         break;
       case Sensor::kGyr:
-        if (seen_mag || keep_early_gyro) api.QVN_CaliApiSetGyroData(&s);
+        if (seen_mag) api.QVN_CaliApiSetGyroData(&s);
         break;
       case Sensor::kMag: {
         StepOutputs out;

@@ -26,10 +26,9 @@ struct StepOutputs {
 // ramp length is still 0: the weights become 0/0 and the attitude NaN until
 // the next initialisation. A service avoids that by holding gyroscope samples
 // back until the first magnetometer sample has been calibrated, which is what
-// the replay does unless keep_early_gyro is set.
+// the replay does.
 void ReplayThroughTable(const std::vector<SimEvent> &events, int8_t hw_gyro,
-                        const std::function<void(const StepOutputs &)> &visit,
-                        bool keep_early_gyro = false);
+                        const std::function<void(const StepOutputs &)> &visit);
 
 }  // namespace qvn_test
 
