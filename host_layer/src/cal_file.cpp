@@ -24,14 +24,6 @@ constexpr size_t kMaxFile = 16384;  // far above the largest file the writer mak
 // sample path (an automatic save runs from it).
 char g_text[kMaxFile + 1];
 
-void Say(char *message, size_t size, const char *format, ...) {
-  if (message == nullptr || size == 0) return;
-  va_list args;
-  va_start(args, format);
-  vsnprintf(message, size, format, args);
-  va_end(args);
-}
-
 uint32_t Crc(const char *text, size_t n) {
   return static_cast<uint32_t>(crc32(0L, reinterpret_cast<const Bytef *>(text), static_cast<uInt>(n)));
 }
@@ -124,6 +116,14 @@ bool ParseBody(char *body, float offset_limit, TunableCheck check, void *context
 }
 
 }  // namespace
+
+void Say(char *message, size_t size, const char *format, ...) {
+  if (message == nullptr || size == 0) return;
+  va_list args;
+  va_start(args, format);
+  vsnprintf(message, size, format, args);
+  va_end(args);
+}
 
 int ReadCalibration(const char *path, float offset_limit, TunableCheck check, void *context,
                     Calibration *cal, char *message, size_t message_size) {

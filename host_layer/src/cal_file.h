@@ -48,6 +48,10 @@ using TunableCheck = bool (*)(const char *name, uint32_t offset, uint32_t size, 
 int ReadCalibration(const char *path, float offset_limit, TunableCheck check, void *context,
                     Calibration *cal, char *message, size_t message_size);
 
+// Formats a message into a caller's buffer; nothing when there is none (a
+// null or empty one). The layer's entry points and the file code share it.
+void Say(char *message, size_t size, const char *format, ...) __attribute__((format(printf, 3, 4)));
+
 // Writes cal to path atomically. Returns true, or false with the reason.
 // Allocates nothing.
 bool WriteCalibration(const char *path, const Calibration &cal, char *message,

@@ -5,7 +5,6 @@
 #include <android/log.h>
 #include <dlfcn.h>
 #include <link.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -78,14 +77,6 @@ struct Layer {
 };
 
 Layer g_layer;
-
-void Say(char *message, size_t size, const char *format, ...) {
-  if (message == nullptr || size == 0) return;
-  va_list args;
-  va_start(args, format);
-  vsnprintf(message, size, format, args);
-  va_end(args);
-}
 
 bool CheckTunable(const char *name, uint32_t offset, uint32_t size, void *context) {
   void *handle = context;

@@ -105,10 +105,6 @@ class OpenLayer {
   bool open_ = false;
 };
 
-void ApplySets(const Library &lib, const std::vector<Assignment> &sets) {
-  for (const Assignment &s : sets) Apply(s, lib.Symbol(s.info->name));
-}
-
 }  // namespace
 
 bool Session::Load(const std::string &path, std::string *error) {
@@ -158,14 +154,7 @@ bool Session::Replay(const ReplayRequest &rq, ReplayOutcome *out, std::string *e
   }
 
   const QvnLibApiTable &api = lib_.api();
-  ChipInfo chip;
-  std::memset(&chip, 0, sizeof chip);
-  chip.hwGyro = static_cast<int8_t>(rq.hw_gyro);
-  auto initialise = [&]() {
-    ApplySets(lib_, rq.sets);
-    api.QVN_CaliInitLib(&chip);
-    ApplySets(lib_, rq.sets);
-  };
+  const std::function<void()> initialise = Initialiser(lib_, rq.hw_gyro, rq.sets);
   OpenLayer layer;
   if (!rq.host_layer) {
     initialise();

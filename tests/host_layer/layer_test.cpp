@@ -1,22 +1,20 @@
 // The host layer on its own terms: a reset returns every writable byte of the
 // core to its load-time value, hygiene counts by reason, and the calibration
-// file survives a restart and is refused, with a reason, when it is not whole.
+// file brings a restart back, or is refused with a reason when it is not whole.
 // (That a clean run through the layer is the bare run byte for byte is checked
 // end to end by replay_layer_test.)
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "host_layer/host_driver.h"
 #include "support/param_name.h"
+#include "support/tool_run.h"
 
 namespace qvn_test {
 namespace {
@@ -41,9 +39,8 @@ TEST(HostLayer, ResetRestoresEveryWritableByte) {
     HostDriver d(Path::kLayer, 1, "");
     ASSERT_TRUE(d.ok());
     d.Run(Scene(15.0, 5.0 * kS));
-    const float bad[3] = {NAN, NAN, NAN};
     static_cast<float *>(dlsym(h, "mag_cali_pre"))[0] = NAN;
-    static_cast<float *>(dlsym(h, "orient_pre"))[0] = bad[0];
+    static_cast<float *>(dlsym(h, "orient_pre"))[0] = NAN;
     ASSERT_EQ(qvn_layer_reset_to_load_state(), 0);
     for (size_t i = 0; i < probes.size(); ++i) {
       auto *b = static_cast<unsigned char *>(dlsym(h, probes[i].first));
@@ -115,71 +112,32 @@ TEST(HostLayer, BreakingTunableSetIsLeftOut) {
   }
 }
 
-std::string TempPath(const char *tag) {
-  return std::string("/tmp/qvn_layer_test_") + tag + "_" + std::to_string(getpid());
-}
-
-std::string Slurp(const std::string &path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-void Spit(const std::string &path, const std::string &text) {
-  std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  f << text;
-}
-
-// A run that calibrates, a save at close, and a restart that starts from the
-// saved offset, accuracy and tunable.
-TEST(HostLayer, CalibrationSurvivesARestart) {
-  std::string path = TempPath("restart");
-  unlink(path.c_str());
-  float saved[3];
-  {
-    HostDriver d(Path::kLayer, 1, "", path);
-    ASSERT_TRUE(d.ok());
-    const float r = 0.25f;
-    ASSERT_EQ(qvn_layer_set_tunable("output_mag_lpf_ratio", 0, &r, sizeof r), 0);
-    std::vector<Outputs> out = d.Run(Scene(20.0, 5.0 * kS));
-    ASSERT_GT(out.back().cal.accuracy, 0);
-    qvn_layer_get_offset(saved);
-  }
-  std::string text = Slurp(path);
-  ASSERT_EQ(text.rfind("qvnlib-calibration 1\n", 0), 0u) << text;
-  HostDriver d(Path::kLayer, 1, "", path);
-  ASSERT_TRUE(d.ok());
-  QvnLayerCounters n;
-  qvn_layer_counters(&n);
-  EXPECT_EQ(n.load_status, QVN_LAYER_FILE_LOADED) << n.load_message;
-  float now[3];
-  qvn_layer_get_offset(now);
-  EXPECT_EQ(std::memcmp(now, saved, sizeof now), 0);
-  EXPECT_EQ(*d.Var<float>("output_mag_lpf_ratio"), 0.25f);
-  EXPECT_GT(*d.Var<int16_t>("qvn_accuracy"), 0);
-  unlink(path.c_str());
-}
-
-struct BadFile {
+// A run that calibrates with a tunable of its own leaves the calibration
+// file (at close, or when asked); the file is then changed and the layer
+// restarted from it. A whole file brings back the offset, the accuracy and
+// the tunable; any other starts from the defaults and says why.
+struct FileCase {
   const char *name;
-  std::string (*make)(const std::string &good);
-  const char *reason;  // part of the message
+  std::string (*change)(const std::string &saved);
+  const char *reason;  // part of the refusal message; nullptr: loaded
 };
 
-std::string FlipChecksumOf(std::string s, char from, char to) {
-  size_t p = s.find(from, s.find("offset"));
-  if (p != std::string::npos) s[p] = to;
+void PrintTo(const FileCase &c, std::ostream *os) { *os << c.name; }
+
+std::string ChangeAnOffsetDigit(const std::string &saved) {
+  std::string s = saved;
+  size_t p = s.find('1', s.find("offset"));
+  if (p != std::string::npos) s[p] = '7';
   return s;
 }
 
-const BadFile kBadFiles[] = {
+const FileCase kFiles[] = {
+    {"Whole", [](const std::string &g) { return g; }, nullptr},
     {"Empty", [](const std::string &) { return std::string(); }, "empty"},
     {"Truncated", [](const std::string &g) { return g.substr(0, g.size() - 6); }, "truncated"},
     {"CutBeforeChecksum", [](const std::string &g) { return g.substr(0, g.find("checksum")); },
      "truncated"},
-    {"OneDigitChanged", [](const std::string &g) { return FlipChecksumOf(g, '1', '7'); },
-     "corrupt"},
+    {"OneDigitChanged", ChangeAnOffsetDigit, "corrupt"},
     {"Foreign", [](const std::string &) { return std::string("<?xml version=\"1.0\"?>\n"); },
      "not a calibration file"},
     {"OtherVersion",
@@ -187,35 +145,48 @@ const BadFile kBadFiles[] = {
      "version"},
 };
 
-class RefusedFile : public ::testing::TestWithParam<BadFile> {};
+class CalibrationFile : public ToolDir, public ::testing::WithParamInterface<FileCase> {};
 
-TEST_P(RefusedFile, StartsFromDefaultsWithAReason) {
-  std::string path = TempPath(GetParam().name);
+TEST_P(CalibrationFile, RestartsFromItOrFromTheDefaultsWithAReason) {
+  const FileCase &c = GetParam();
+  const std::string file = Path("calibration");
+  float saved[3];
   {
-    HostDriver d(Path::kLayer, 1, "", path);
+    HostDriver d(qvn_test::Path::kLayer, 1, "", file);
     ASSERT_TRUE(d.ok());
-    const float o[3] = {11.0f, -12.0f, 13.0f};
-    qvn_layer_set_offset(o);
-    d.Run(Scene(20.0, 5.0 * kS));
+    const float r = 0.25f;
+    ASSERT_EQ(qvn_layer_set_tunable("output_mag_lpf_ratio", 0, &r, sizeof r), 0);
+    ASSERT_GT(d.Run(Scene(20.0, 5.0 * kS)).back().cal.accuracy, 0);
+    qvn_layer_get_offset(saved);
     char why[128];
-    ASSERT_EQ(qvn_layer_save(why, sizeof why), 0) << why;
+    if (c.reason != nullptr) {
+      ASSERT_EQ(qvn_layer_save(why, sizeof why), 0) << why;
+    }
   }
-  Spit(path, GetParam().make(Slurp(path)));
-  HostDriver d(Path::kLayer, 1, "", path);
+  const std::string text = Slurp(file);
+  ASSERT_EQ(text.rfind("qvnlib-calibration 1\n", 0), 0u) << text;
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << c.change(text);
+  HostDriver d(qvn_test::Path::kLayer, 1, "", file);
   ASSERT_TRUE(d.ok());
   QvnLayerCounters n;
   qvn_layer_counters(&n);
-  EXPECT_EQ(n.load_status, QVN_LAYER_FILE_REFUSED);
-  EXPECT_NE(std::string(n.load_message).find(GetParam().reason), std::string::npos)
-      << n.load_message;
   float now[3];
   qvn_layer_get_offset(now);
-  EXPECT_EQ(now[0], 0.0f);
-  EXPECT_EQ(*d.Var<int16_t>("qvn_accuracy"), 0);
-  unlink(path.c_str());
+  if (c.reason == nullptr) {
+    EXPECT_EQ(n.load_status, QVN_LAYER_FILE_LOADED) << n.load_message;
+    EXPECT_EQ(std::memcmp(now, saved, sizeof now), 0);
+    EXPECT_EQ(*d.Var<float>("output_mag_lpf_ratio"), 0.25f);
+    EXPECT_GT(*d.Var<int16_t>("qvn_accuracy"), 0);
+  } else {
+    EXPECT_EQ(n.load_status, QVN_LAYER_FILE_REFUSED);
+    EXPECT_NE(std::string(n.load_message).find(c.reason), std::string::npos) << n.load_message;
+    EXPECT_EQ(now[0], 0.0f);
+    EXPECT_NE(*d.Var<float>("output_mag_lpf_ratio"), 0.25f);
+    EXPECT_EQ(*d.Var<int16_t>("qvn_accuracy"), 0);
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Calibration, RefusedFile, ::testing::ValuesIn(kBadFiles), ByName());
+INSTANTIATE_TEST_SUITE_P(Restart, CalibrationFile, ::testing::ValuesIn(kFiles), ByName());
 
 }  // namespace
 }  // namespace qvn_test

@@ -15,12 +15,18 @@ SOURCE_DIR = os.environ.get("QVN_SOURCE_DIR",
 WALK = os.path.join(SOURCE_DIR, "data", "phone_walk_flat", "events.csv")
 
 
+def built_tool(variable, name):
+    """The tool that CTest names in $variable, else the one beside the
+    simulator of the build that the package comes from."""
+    path = os.environ.get(variable) or os.path.join(
+        os.path.dirname(qvnlib._core.BUILD_TREE_SIMULATE), name)
+    assert os.access(path, os.X_OK), f"no {name} at {path}"
+    return path
+
+
 @pytest.fixture(scope="session")
 def replay_tool():
-    path = os.environ.get("QVN_REPLAY") or os.path.join(
-        os.path.dirname(qvnlib._core.BUILD_TREE_SIMULATE), "qvn_replay")
-    assert os.access(path, os.X_OK), f"no replay tool at {path}"
-    return path
+    return built_tool("QVN_REPLAY", "qvn_replay")
 
 
 @pytest.fixture(scope="session")

@@ -126,7 +126,9 @@ def test_fit_sphere_recovers_a_planted_centre_and_refuses_a_plane():
     assert plots.fit_sphere(ring) is None
 
 
-def test_every_figure_draws_from_a_small_replay():
+# qvn_plot draws every figure from a real replay (plot_tool_test); this one
+# pins what the field figure shows of a planted calibration.
+def test_field_figure_shows_only_calibrated_samples_as_calibrated():
     n = 400
     t = np.arange(n) * 20_000_000
     u = np.random.default_rng(2).normal(size=(n, 3))
@@ -134,23 +136,12 @@ def test_every_figure_draws_from_a_small_replay():
     raw = 45 * u + [30, -20, 40]
     adopted = np.arange(n) >= 200
     off = np.where(adopted[:, None], [30.0, -20.0, 40.0], 0.0)
-    cal = raw - off
-    steps = pd.DataFrame({"t_ns": t, "accuracy": np.where(adopted, 3, 0), "azimuth": np.linspace(0, 359, n),
-                          "pitch": np.zeros(n), "roll": np.zeros(n), "gravity_x": np.zeros(n),
-                          "gravity_y": np.zeros(n), "gravity_z": np.full(n, 9.8)})
+    steps = pd.DataFrame({"t_ns": t, "accuracy": np.where(adopted, 3, 0)})
     for k, a in enumerate("xyz"):
-        steps[f"raw_{a}"], steps[f"cal_{a}"], steps[f"offset_{a}"] = raw[:, k], cal[:, k], off[:, k]
+        steps[f"raw_{a}"], steps[f"cal_{a}"], steps[f"offset_{a}"] = raw[:, k], raw[:, k] - off[:, k], off[:, k]
     attempts = pd.DataFrame({"t_ns": [t[200]], "passed": [1], "adopted": [1], "coverage": [0.8], "bound": [""],
                              "radius": [45.0], "logged_radius": [45], "offset_sensor_x": [30.0],
                              "offset_sensor_y": [-20.0], "offset_sensor_z": [40.0]})
-    truth = truth_of([np.eye(3)] * 10)
-    truth["t_ns"] = np.linspace(0, t[-1], 10)
-    errors = pd.DataFrame({"t_s": t / 1e9, "accuracy": steps["accuracy"], "Orientation_heading": np.ones(n),
-                           "Orientation_tilt": np.zeros(n)})
-    figs = [plots.field_clouds(steps, attempts), plots.calibration_timeline(steps, attempts),
-            plots.orientation(steps, truth, 0, t_from=1.0), plots.errors(errors)]
-    for f in figs:
-        assert f.get_size_inches()[0] * f.dpi == plots.FIG_WIDTH_PX
-    # The calibrated view holds only the 200 calibrated samples.
-    cal_ax = figs[0].axes[3]
-    assert cal_ax.collections[0].get_offsets().shape[0] == 200
+    fig = plots.field_clouds(steps, attempts)
+    assert fig.get_size_inches()[0] * fig.dpi == plots.FIG_WIDTH_PX
+    assert fig.axes[3].collections[0].get_offsets().shape[0] == 200

@@ -13,42 +13,33 @@ from conftest import WALK
 
 GOOD_EVENTS = "t_ns,sensor,x,y,z\n1000,acc,0,0,9.8\n2000,mag,10,20,30\n"
 
-BAD_EVENTS = {
-    "unknown-sensor": "t_ns,sensor,x,y,z\n1000,acc,0,0,9.8\n2000,baro,1,2,3\n",
-    "missing-field": "1000,acc,0,0\n",
-    "not-a-number": "1000,acc,0,zero,9.8\n",
-    "bad-time": "1000,acc,0,0,9.8\n\n# comment\n12x,gyr,0,0,0\n",
-}
-BAD_TRUTH = {
-    "backwards": "t_ns,qw,qx,qy,qz\n2000,1,0,0,0\n1000,1,0,0,0\n",
-    "short-line": "1000,1,0,0\n",
-}
+# (kind, file name, content): the reader raises with the message the replay
+# tool prints, naming the file and the line.
+BAD_FILES = [
+    ("events", "unknown-sensor", "t_ns,sensor,x,y,z\n1000,acc,0,0,9.8\n2000,baro,1,2,3\n"),
+    ("events", "missing-field", "1000,acc,0,0\n"),
+    ("events", "not-a-number", "1000,acc,0,zero,9.8\n"),
+    ("events", "bad-time", "1000,acc,0,0,9.8\n\n# comment\n12x,gyr,0,0,0\n"),
+    ("truth", "backwards", "t_ns,qw,qx,qy,qz\n2000,1,0,0,0\n1000,1,0,0,0\n"),
+    ("truth", "short-line", "1000,1,0,0\n"),
+]
 
 
-@pytest.mark.parametrize("name", sorted(BAD_EVENTS))
-def test_bad_event_files_get_the_tools_message(name, tmp_path, run_tool):
-    path = tmp_path / f"{name}.csv"
-    path.write_text(BAD_EVENTS[name])
+@pytest.mark.parametrize("kind,name,content", BAD_FILES, ids=[c[1] for c in BAD_FILES])
+def test_bad_files_get_the_tools_message(kind, name, content, tmp_path, run_tool):
+    path, events = tmp_path / f"{name}.csv", tmp_path / "events.csv"
+    path.write_text(content)
+    events.write_text(GOOD_EVENTS)
+    reader = qvnlib.read_events if kind == "events" else qvnlib.read_truth
     with pytest.raises(ValueError) as raised:
-        qvnlib.read_events(path)
+        reader(path)
     message = str(raised.value)
     assert message.startswith(f"{path}:")  # file and line named
-    done = run_tool(path)
+    done = run_tool(path) if kind == "events" else run_tool("--gt", path, events)
     assert done.returncode == 2 and message in done.stderr
-    with pytest.raises(ValueError, match=re.escape(message)):
-        qvnlib.replay(str(path))
-
-
-@pytest.mark.parametrize("name", sorted(BAD_TRUTH))
-def test_bad_truth_files_get_the_tools_message(name, tmp_path, run_tool):
-    events, truth = tmp_path / "events.csv", tmp_path / f"{name}.csv"
-    events.write_text(GOOD_EVENTS)
-    truth.write_text(BAD_TRUTH[name])
-    with pytest.raises(ValueError) as raised:
-        qvnlib.read_truth(truth)
-    done = run_tool("--gt", truth, events)
-    assert done.returncode == 2 and str(raised.value) in done.stderr
-    assert str(raised.value).startswith(f"{truth}:")
+    if kind == "events":
+        with pytest.raises(ValueError, match=re.escape(message)):
+            qvnlib.replay(str(path))
 
 
 @pytest.mark.parametrize("reader", [qvnlib.read_events, qvnlib.read_truth,
@@ -68,43 +59,31 @@ def test_events_frame_has_the_file_values():
                                   raw[["t_ns", "x", "y", "z"]].to_numpy())
 
 
-@pytest.mark.parametrize("events,error,message", [
-    (pd.DataFrame({"t_ns": [1.0], "sensor": ["acc"], "x": [0], "y": [0], "z": [9.8]}),
+def _frame(**columns):
+    return pd.DataFrame(columns)
+
+
+# replay() keywords with a bad events or truth frame, the error and its message.
+@pytest.mark.parametrize("kwargs,error,message", [
+    ({"events": _frame(t_ns=[1.0], sensor=["acc"], x=[0], y=[0], z=[9.8])},
      TypeError, "t_ns must hold integers"),
-    (pd.DataFrame({"t_ns": [1, 2], "sensor": ["acc", "baro"], "x": 0.0, "y": 0.0, "z": 0.0}),
+    ({"events": _frame(t_ns=[1, 2], sensor=["acc", "baro"], x=0.0, y=0.0, z=0.0)},
      ValueError, "row 1: unknown sensor 'baro'"),
-    (pd.DataFrame({"t_ns": [1], "sensor": [7], "x": [0.0], "y": [0.0], "z": [0.0]}),
+    ({"events": _frame(t_ns=[1], sensor=[7], x=[0.0], y=[0.0], z=[0.0])},
      ValueError, "unknown sensor code 7"),
-    (pd.DataFrame({"t_ns": [1], "sensor": ["acc"], "x": [0.0], "y": [0.0]}),
-     ValueError, "no column 'z'"),
-    (pd.DataFrame({"t_ns": [1], "sensor": ["acc"], "x": ["a"], "y": [0.0], "z": [0.0]}),
+    ({"events": _frame(t_ns=[1], sensor=["acc"], x=[0.0], y=[0.0])}, ValueError, "no column 'z'"),
+    ({"events": _frame(t_ns=[1], sensor=["acc"], x=["a"], y=[0.0], z=[0.0])},
      TypeError, "column x must hold numbers"),
-    ([(1, "acc", 0, 0, 9.8)], TypeError, "a path, a DataFrame or a structured array"),
+    ({"events": [(1, "acc", 0, 0, 9.8)]}, TypeError, "a path, a DataFrame or a structured array"),
+    ({"truth": _frame(t_ns=[2, 1], qw=1.0, qx=0.0, qy=0.0, qz=0.0)},
+     ValueError, "row 1: time goes backwards"),
+    ({"truth": _frame(t_ns=[1], qw=[0.0], qx=[0.0], qy=[0.0], qz=[0.0])},
+     ValueError, "row 0: the quaternion is zero"),
+    ({"truth": _frame(t_ns=[1], qw=[1.0])}, ValueError, "no column 'qx'"),
 ])
-def test_bad_event_frames_raise(events, error, message):
+def test_bad_frames_raise(kwargs, error, message):
     with pytest.raises(error, match=message):
-        qvnlib.replay(events)
-
-
-@pytest.mark.parametrize("truth,message", [
-    (pd.DataFrame({"t_ns": [2, 1], "qw": 1.0, "qx": 0.0, "qy": 0.0, "qz": 0.0}),
-     "row 1: time goes backwards"),
-    (pd.DataFrame({"t_ns": [1], "qw": [0.0], "qx": [0.0], "qy": [0.0], "qz": [0.0]}),
-     "row 0: the quaternion is zero"),
-    (pd.DataFrame({"t_ns": [1], "qw": [1.0]}), "no column 'qx'"),
-])
-def test_bad_truth_frames_raise(truth, message):
-    with pytest.raises(ValueError, match=message):
-        qvnlib.replay(WALK, to_s=1, truth=truth)
-
-
-def test_structured_array_events_replay_like_the_frame():
-    frame = qvnlib.read_events(WALK).iloc[:3000]
-    array = np.rec.fromarrays([frame[c].to_numpy() for c in ("t_ns", "x", "y", "z")] +
-                              [frame["sensor"].cat.codes.to_numpy()],
-                              names="t_ns,x,y,z,sensor")
-    a, b = qvnlib.replay(frame), qvnlib.replay(array)
-    pd.testing.assert_frame_equal(a.steps, b.steps)
+        qvnlib.replay(**{"events": WALK, "to_s": 1, **kwargs})
 
 
 def test_simulate_writes_what_the_tool_writes(tmp_path):

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -43,6 +44,22 @@ class ToolDir : public ::testing::Test {
     return s.str();
   }
 
+  // Rows of a CSV as fields, the header dropped (and kept in *header).
+  static std::vector<std::vector<std::string>> Rows(const std::string &path,
+                                                    std::string *header = nullptr) {
+    std::ifstream in(path);
+    std::vector<std::vector<std::string>> rows;
+    std::string line, cell;
+    std::getline(in, line);
+    if (header != nullptr) *header = line;
+    while (std::getline(in, line)) {
+      std::stringstream s(line);
+      rows.emplace_back();
+      while (std::getline(s, cell, ',')) rows.back().push_back(cell);
+    }
+    return rows;
+  }
+
   // No shell quoting beyond the tool's path: the tests' paths and values
   // need none. env is prefixed to the command (VAR=value ...).
   ToolRun Exec(const std::string &tool, const std::string &args,
@@ -56,6 +73,18 @@ class ToolDir : public ::testing::Test {
 
   std::filesystem::path dir_;
 };
+
+// A short, well-formed recording: accelerometer, gyroscope and magnetometer
+// at 50 Hz from 1 s, the field stepping through seven values.
+inline std::string Recording(int steps) {
+  std::string csv = "t_ns,sensor,x,y,z\n";
+  for (int i = 0; i < steps; ++i) {
+    const std::string t = std::to_string(1000000000LL + 20000000LL * i);
+    csv += t + ",acc,0.1,0.2,9.8\n" + t + ",gyr,0.01,0,0\n" + t + ",mag," +
+           std::to_string(20 + i % 7) + ",-5.5,40.25\n";
+  }
+  return csv;
+}
 
 }  // namespace qvn_test
 

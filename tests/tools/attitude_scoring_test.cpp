@@ -62,32 +62,25 @@ const AttitudeCase kAttitudes[] = {
 class AttitudeConvention : public ::testing::TestWithParam<AttitudeCase> {};
 
 // The gyroscope path reads the angles off Qfusion with quaternion2euler: the
-// documented order rebuilds the very quaternion, in any attitude.
-TEST_P(AttitudeConvention, GyroPathAnglesRebuildTheQuaternion) {
+// documented order rebuilds the very quaternion, in any attitude. The Euler
+// rotation vector mirrors the azimuth: its stated convention matches the
+// library's routine, and against the phone's attitude it is off by twice the
+// azimuth in heading and by nothing in tilt.
+TEST_P(AttitudeConvention, GyroPathAnglesAndEulerRotationVector) {
   const AttitudeCase &c = GetParam();
   Quat q = Attitude(c.heading, Unit(c.axis), c.tilt);
   float rad[3];
   GyroPathAngles(q, rad);
   ExpectSameAttitude(FromGyroPathAngles(rad[0] * kDeg, rad[1] * kDeg, rad[2] * kDeg), q,
                      kFloatAngleTolDeg);
-}
-
-// The Euler rotation vector mirrors the azimuth: its stated convention matches
-// the library's routine, and against the phone's attitude it is off by twice
-// the azimuth in heading and by nothing in tilt.
-TEST_P(AttitudeConvention, EulerRotationVectorFollowsItsOwnConvention) {
-  const AttitudeCase &c = GetParam();
-  Quat q = Attitude(c.heading, Unit(c.axis), c.tilt);
-  float rad[3];
-  GyroPathAngles(q, rad);
   double a = rad[0] * kDeg < 0 ? rad[0] * kDeg + 360 : rad[0] * kDeg;
   qvn_ori[0] = static_cast<float>(a);
   qvn_ori[1] = static_cast<float>(rad[1] * kDeg);
   qvn_ori[2] = static_cast<float>(rad[2] * kDeg);
   float rv[4];
   qvn_get_rotation_vector_euler(rv);
-  Quat stated = EulerRotationVector(qvn_ori[0], qvn_ori[1], qvn_ori[2]);
-  ExpectSameAttitude(FromRotationVector(rv), stated, 0.01);
+  ExpectSameAttitude(FromRotationVector(rv), EulerRotationVector(qvn_ori[0], qvn_ori[1], qvn_ori[2]),
+                     0.01);
   double h = 0, t = 0;
   HeadingTiltError(FromRotationVector(rv), q, &h, &t);
   EXPECT_NEAR(WrapDeg(h + 2 * a), 0.0, 0.01);

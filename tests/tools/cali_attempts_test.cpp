@@ -4,7 +4,6 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -17,8 +16,8 @@
 #include "replay/library.h"
 #include "replay/replay_loop.h"
 #include "replay/sysfs_folder.h"
+#include "support/param_name.h"
 #include "support/synthetic.h"
-#include "support/tool_run.h"
 
 namespace {
 
@@ -59,9 +58,12 @@ std::vector<V3> Shell(int n, double r, V3 c, const std::function<bool(int, V3)> 
   return out;
 }
 
+// The library loaded with a private power-supply folder and initialised. A
+// scene's points are planted in the library's frame (no device matrix) with
+// its bounds; without a scene the library runs as it loads.
 class Driven {
  public:
-  explicit Driven(const Scene &s) {
+  explicit Driven(const Scene *s = nullptr) {
     qvn_tools::RouteLibraryLog(ANDROID_LOG_SILENT);
     std::string error;
     ok_ = lib_.Load(QVN_LIB_PATH, &error) && folder_.Create(0, &error) &&
@@ -71,30 +73,30 @@ class Driven {
     ChipInfo chip;
     std::memset(&chip, 0, sizeof chip);
     lib_.api().QVN_CaliInitLib(&chip);
-    // Planted points are meant in the library's frame: no device matrix.
-    float *sfi = static_cast<float *>(lib_.Symbol("static_sfi"));
-    for (int i = 0; i < 9; ++i) sfi[i] = (i % 4 == 0) ? 1.0f : 0.0f;
-    if (s.field_range > 0) *static_cast<float *>(lib_.Symbol("mag_field_range")) = s.field_range;
-    *static_cast<int16_t *>(lib_.Symbol("interf_cnt_cnt")) = s.interference;
-    *static_cast<uint16_t *>(lib_.Symbol("g_en_mtkScpLog")) = s.logging;
+    if (s != nullptr) {
+      float *sfi = static_cast<float *>(lib_.Symbol("static_sfi"));
+      for (int i = 0; i < 9; ++i) sfi[i] = (i % 4 == 0) ? 1.0f : 0.0f;
+      if (s->field_range > 0) *static_cast<float *>(lib_.Symbol("mag_field_range")) = s->field_range;
+      *static_cast<int16_t *>(lib_.Symbol("interf_cnt_cnt")) = s->interference;
+      *static_cast<uint16_t *>(lib_.Symbol("g_en_mtkScpLog")) = s->logging;
+    }
     decoder_ = std::make_unique<AttemptDecoder>([this](const char *n) { return lib_.Symbol(n); });
   }
 
+  bool ok() const { return ok_; }
+  const qvn_tools::Library &lib() const { return lib_; }
+  const std::vector<qvn_tools::StepRow> &rows() const { return rows_; }
+
+  // Replays events with the decoder around every step; call when ok().
   const AttemptDecoder &Run(const std::vector<Event> &events) {
-    qvn_tools::ReplayConfig config;
-    if (!decoder_) {  // the library did not load: a decoder that finds nothing
-      decoder_ = std::make_unique<AttemptDecoder>([](const char *) { return nullptr; });
-    }
     AttemptDecoder &dec = *decoder_;
+    EXPECT_TRUE(dec.ok()) << dec.missing();
+    qvn_tools::ReplayConfig config;
     config.before_cali = [&dec]() { dec.BeforeStep(); };
     config.after_cali = [&dec](const qvn_tools::StepRow &r) { dec.AfterStep(r.t_ns); };
-    std::vector<qvn_tools::StepRow> rows;
     qvn_tools::ReplayCounts counts;
     std::string error;
-    EXPECT_TRUE(ok_ && dec.ok()) << dec.missing();
-    if (ok_) {
-      EXPECT_TRUE(qvn_tools::RunReplay(lib_, events, config, &rows, &counts, &error));
-    }
+    EXPECT_TRUE(qvn_tools::RunReplay(lib_, events, config, &rows_, &counts, &error)) << error;
     return dec;
   }
 
@@ -103,6 +105,7 @@ class Driven {
   qvn_tools::SysfsFolder folder_;
   bool ok_ = false;
   std::unique_ptr<AttemptDecoder> decoder_;
+  std::vector<qvn_tools::StepRow> rows_;
 };
 
 std::vector<Event> MagEvents(const std::vector<V3> &pts) {
@@ -161,7 +164,8 @@ class PlantedAttempt : public ::testing::TestWithParam<Scene> {};
 
 TEST_P(PlantedAttempt, FirstAttemptNamesItsBound) {
   const Scene &s = GetParam();
-  Driven d(s);
+  Driven d(&s);
+  ASSERT_TRUE(d.ok());
   const AttemptDecoder &dec = d.Run(MagEvents(s.points()));
   ASSERT_FALSE(dec.attempts().empty()) << "no attempt decoded";
   const CaliAttempt &a = dec.attempts().front();
@@ -187,14 +191,12 @@ TEST_P(PlantedAttempt, FirstAttemptNamesItsBound) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Scenes, PlantedAttempt, ::testing::ValuesIn(kScenes),
-                         [](const ::testing::TestParamInfo<Scene> &p) {
-                           return std::string(p.param.name);
-                         });
+INSTANTIATE_TEST_SUITE_P(Scenes, PlantedAttempt, ::testing::ValuesIn(kScenes), qvn_test::ByName());
 
 TEST(CaliAttempts, StillPhoneNeverFillsABatchAndSaysWhy) {
   Scene s{"Still", nullptr, 0, 0, 1, CaliMethod::kBall, CaliBound::kNone, ""};
-  Driven d(s);
+  Driven d(&s);
+  ASSERT_TRUE(d.ok());
   // Noise of +-0.2 uT around one field vector: every sample lies within the
   // spacing of one already stored.
   std::vector<V3> pts;
@@ -219,23 +221,11 @@ TEST(CaliAttempts, FlatWalkRefusalsMatchTheLoggedValues) {
   std::string error;
   std::string path = std::string(QVN_SOURCE_DIR) + "/data/phone_walk_flat/events.csv";
   ASSERT_TRUE(qvn_tools::ReadEventCsv(path, &events, &error)) << error;
-  qvn_tools::RouteLibraryLog(ANDROID_LOG_SILENT);
-  qvn_tools::Library lib;
-  qvn_tools::SysfsFolder folder;
-  ASSERT_TRUE(lib.Load(QVN_LIB_PATH, &error) && folder.Create(0, &error)) << error;
-  lib.SetSysfsRoot(folder.root().c_str());
-  ChipInfo chip;
-  std::memset(&chip, 0, sizeof chip);
-  lib.api().QVN_CaliInitLib(&chip);
-  AttemptDecoder dec([&lib](const char *n) { return lib.Symbol(n); });
-  qvn_tools::ReplayConfig config;
-  config.before_cali = [&dec]() { dec.BeforeStep(); };
-  config.after_cali = [&dec](const qvn_tools::StepRow &r) { dec.AfterStep(r.t_ns); };
-  std::vector<qvn_tools::StepRow> rows;
-  qvn_tools::ReplayCounts counts;
-  ASSERT_TRUE(qvn_tools::RunReplay(lib, events, config, &rows, &counts, &error));
+  Driven d;
+  ASSERT_TRUE(d.ok());
+  const AttemptDecoder &dec = d.Run(events);
   ASSERT_FALSE(dec.attempts().empty());
-  const float min = *static_cast<const float *>(lib.Symbol("mag_radius_min"));
+  const float min = *static_cast<const float *>(d.lib().Symbol("mag_radius_min"));
   int below_min = 0, adopted = 0;
   for (const CaliAttempt &a : dec.attempts()) {
     adopted += a.adopted;
@@ -250,15 +240,13 @@ TEST(CaliAttempts, FlatWalkRefusalsMatchTheLoggedValues) {
   }
   EXPECT_GT(below_min, 0);
   // Every adoption moved the offset the replay reports.
+  const std::vector<qvn_tools::StepRow> &rows = d.rows();
   size_t moves = 0;
   for (size_t i = 1; i < rows.size(); ++i)
     moves += std::memcmp(&rows[i].cal.bias_x, &rows[i - 1].cal.bias_x, 3 * sizeof(float)) != 0;
   EXPECT_EQ(static_cast<size_t>(adopted), moves);
 }
 
-}  // namespace
-
-namespace {
 
 // Coverage cells have equal areas: evenly spread directions fill them evenly,
 // and a phone turned only about its vertical sweeps a band of them.
@@ -290,47 +278,6 @@ TEST(CaliGeometry, SphereFitFarFromTheOrigin) {
   for (int i = 0; i < 100; ++i)
     ring.push_back({61 + 47 * std::cos(0.0628 * i), -53 + 47 * std::sin(0.0628 * i), 410});
   EXPECT_FALSE(qvn_tools::FitSphere(ring).ok);
-}
-
-}  // namespace
-
-namespace {
-
-class CaliReportTool : public qvn_test::ToolDir {};
-
-std::string LineOf(const std::string &text, const std::string &label) {
-  size_t at = text.find("\n" + label);
-  if (at == std::string::npos) return "";
-  return text.substr(at + 1, text.find('\n', at + 1) - at - 1);
-}
-
-size_t CountLines(const std::string &text) {
-  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
-// A known offset, walked and swung after one figure eight: the reference is
-// fitted in the library's frame, where the device matrix is undone, so it
-// lands on the true offset (2 uT off when fitted to the raw cloud), and the
-// library's offset stays within tolerance.
-TEST_F(CaliReportTool, ReferenceFindsAKnownOffsetAndTheFilesHoldEveryStep) {
-  std::string sim = Path("sim");
-  ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + sim +
-                                        " --seed 4 --offset 35,-61.5,18 --motion "
-                                        "still:2,figure8:20,walk:60,swing:60").code,
-            0);
-  qvn_test::ToolRun r = Exec(QVN_REPLAY_TOOL, "--no-lag --out " + Path("steps.csv") + " --attempts-out " +
-                                        Path("attempts.csv") + " --quality-out " +
-                                        Path("quality.csv") + " " + sim + "/events.csv");
-  ASSERT_EQ(r.code, 0) << r.err;
-  std::string error_line = LineOf(r.out, "  reference error");
-  ASSERT_FALSE(error_line.empty()) << r.out;
-  EXPECT_LT(std::stod(error_line.substr(20)), 0.2) << error_line;
-  EXPECT_EQ(LineOf(r.out, "verdict").find("verdict             calibrated at"), 0u) << r.out;
-  EXPECT_NE(LineOf(r.out, "offset quality").find("0.0 s (0%)"), std::string::npos) << r.out;
-  EXPECT_EQ(CountLines(Slurp(Path("quality.csv"))), CountLines(Slurp(Path("steps.csv"))));
-  std::string attempts = Slurp(Path("attempts.csv"));
-  EXPECT_GT(CountLines(attempts), 1u);
-  EXPECT_NE(attempts.find(",ball,"), std::string::npos);
 }
 
 }  // namespace

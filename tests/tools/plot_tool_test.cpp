@@ -1,5 +1,6 @@
-// Smoke test of the plot command: a replay output and its per-step errors
-// become four non-empty PNG files of the documented size. Pixels are not compared.
+// Smoke test of the plot command: a replay output with its attempts, offset
+// quality and per-step errors becomes four non-empty PNG files of the
+// documented size. Pixels are not compared.
 #include <stdint.h>
 
 #include <string>
@@ -23,8 +24,11 @@ using PlotTool = qvn_test::ToolDir;
 TEST_F(PlotTool, WritesEveryFigureAtTheDocumentedSize) {
   const std::string sim = Path("sim"), steps = Path("steps.csv"), errors = Path("errors.csv");
   ASSERT_EQ(Exec(QVN_SIMULATE_TOOL, "--out-dir " + sim + " --motion still:1,figure8:8").code, 0);
+  // Attempts and quality beside the steps, where the plot looks for them.
   ASSERT_EQ(Exec(QVN_REPLAY_TOOL, "--no-summary --out " + steps + " --warmup 2 --errors-out " +
-                                      errors + " " + sim + "/events.csv")
+                                      errors + " --attempts-out " + Path("attempts.csv") +
+                                      " --quality-out " + Path("quality.csv") + " " + sim +
+                                      "/events.csv")
                 .code,
             0);
   const int code = Exec(QVN_PLOT_TOOL, "--out-dir " + Path("png") + " --events " + sim +

@@ -25,18 +25,7 @@ using Files = std::vector<std::pair<std::string, std::string>>;
 constexpr int kPlotUnavailable = 3;      // the plot wrapper without matplotlib
 constexpr size_t kReadableMessage = 1500;  // no message echoes a whole input
 
-// Magnetometer, accelerometer and gyroscope at 50 Hz from t = 1 s.
-std::string Recording(int steps, int64_t t0 = 1000000000) {
-  std::string csv = "t_ns,sensor,x,y,z\n";
-  for (int i = 0; i < steps; ++i) {
-    const std::string t = std::to_string(t0 + 20000000LL * i);
-    csv += t + ",acc,0.1,0.2,9.8\n" + t + ",gyr,0.01,0,0\n" + t + ",mag," +
-           std::to_string(20 + i % 7) + ",-5.5,40.25\n";
-  }
-  return csv;
-}
-
-const std::string kGood = Recording(40);
+const std::string kGood = qvn_test::Recording(40);
 const std::string kTruth = "t_ns,qw,qx,qy,qz\n1000000000,1,0,0,0\n1800000000,1,0,0,0\n";
 Files Events(const std::string &csv) { return {{"events.csv", csv}}; }
 Files WithTruth(const std::string &gt) { return {{"events.csv", kGood}, {"gt.csv", gt}}; }

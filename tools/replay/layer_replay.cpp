@@ -47,13 +47,7 @@ bool LayerReplayer::Feed(const Event &e, StepRow *row, bool *stepped, std::strin
       QVN_LAYER_GEOMAGNETIC, QVN_LAYER_GRAVITY,         QVN_LAYER_LINEAR_ACCEL,
       QVN_LAYER_VIRTUAL_GYRO};
   *stepped = false;
-  SensorEvent s;
-  std::memset(&s, 0, sizeof s);
-  s.timestamp = e.t_ns;
-  s.x = static_cast<float>(e.x);
-  s.y = static_cast<float>(e.y);
-  s.z = static_cast<float>(e.z);
-  s.accuracy = 3;
+  SensorEvent s = ToSensorEvent(e);
   counts_.per_sensor[static_cast<int>(e.sensor)]++;
   switch (e.sensor) {
     case Sensor::kAcc: qvn_layer_set_accel(&s); break;

@@ -20,15 +20,8 @@ namespace {
 // Host status handed with every sample; the library only logs it.
 constexpr int32_t kHostSampleStatus = 3;
 
-SensorEvent ToSensorEvent(const Event &e) {
-  SensorEvent s;
-  std::memset(&s, 0, sizeof s);
-  s.timestamp = e.t_ns;
-  s.x = static_cast<float>(e.x);
-  s.y = static_cast<float>(e.y);
-  s.z = static_cast<float>(e.z);
-  s.accuracy = kHostSampleStatus;
-  return s;
+void ApplySets(const Library &lib, const std::vector<Assignment> &sets) {
+  for (const Assignment &s : sets) Apply(s, lib.Symbol(s.info->name));
 }
 
 // The attitude outputs of a step (the three-value outputs that are not
@@ -46,6 +39,29 @@ bool AllFinite(const StepRow &r, bool with_qfusion) {
 }
 
 }  // namespace
+
+SensorEvent ToSensorEvent(const Event &e) {
+  SensorEvent s;
+  std::memset(&s, 0, sizeof s);
+  s.timestamp = e.t_ns;
+  s.x = static_cast<float>(e.x);
+  s.y = static_cast<float>(e.y);
+  s.z = static_cast<float>(e.z);
+  s.accuracy = kHostSampleStatus;
+  return s;
+}
+
+std::function<void()> Initialiser(const Library &lib, int hw_gyro,
+                                  const std::vector<Assignment> &sets) {
+  ChipInfo chip;
+  std::memset(&chip, 0, sizeof chip);
+  chip.hwGyro = static_cast<int8_t>(hw_gyro);
+  return [&lib, &sets, chip]() {
+    ApplySets(lib, sets);
+    lib.api().QVN_CaliInitLib(&chip);
+    ApplySets(lib, sets);
+  };
+}
 
 void WarnEarlyGyro(const std::string &path, int line, FILE *out) {
   std::fprintf(

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/event_csv.h"
+#include "core/tunables.h"
 #include "qvnlib/qvnlib.h"
 #include "replay/library.h"
 
@@ -95,6 +96,16 @@ class Replayer {
   bool seen_mag_ = false;
   ReplayCounts counts_;
 };
+
+// The host's initialisation with chosen values: they are written before
+// QVN_CaliInitLib (values that it copies) and after it (values that the
+// device profile rewrites). The returned function initialises; calling it
+// again re-initialises, as a host's remedy does. lib and sets must outlive it.
+std::function<void()> Initialiser(const Library &lib, int hw_gyro,
+                                  const std::vector<Assignment> &sets);
+
+// The library's sample struct for an event, with the host's sample status.
+SensorEvent ToSensorEvent(const Event &e);
 
 // Replays events in file order through a Replayer. Returns false (with
 // *error) only if on_current fails.

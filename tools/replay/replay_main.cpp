@@ -40,10 +40,6 @@ std::string Beside(const std::string &events, const char *name) {
   return access(path.c_str(), R_OK) == 0 ? path : std::string();
 }
 
-void ApplySets(const Library &lib, const std::vector<Assignment> &sets) {
-  for (const Assignment &s : sets) Apply(s, lib.Symbol(s.info->name));
-}
-
 void ListTunables(const Library &lib) {
   for (const TunableInfo &t : AllTunables()) {
     const void *p = lib.Symbol(t.name);
@@ -227,16 +223,7 @@ int main(int argc, char **argv) {
   }
 
   const QvnLibApiTable &api = lib.api();
-  ChipInfo chip;
-  std::memset(&chip, 0, sizeof chip);
-  chip.hwGyro = static_cast<int8_t>(o.hw_gyro);
-  // Sets are written before initialisation (values that it copies) and after
-  // it (values that the device profile rewrites).
-  auto initialise = [&]() {
-    ApplySets(lib, o.sets);
-    api.QVN_CaliInitLib(&chip);
-    ApplySets(lib, o.sets);
-  };
+  const std::function<void()> initialise = Initialiser(lib, o.hw_gyro, o.sets);
   if (!o.host_layer) {
     initialise();
     api.QVN_FusionEnableLib(1);
