@@ -254,3 +254,24 @@ def test_two_workers_on_postgresql_find_the_single_run_best(recs, tmp_path, post
     sets = [[line for line in (d / "set.txt").read_text().splitlines() if line[:1] != "#"]
             for d in (one, two)]
     assert sets[0] == sets[1] and sets[0]
+
+
+def test_a_worker_goes_on_when_the_loop_loses_track_of_a_trial():
+    class Study:
+        def __init__(self, message):
+            self.message, self.calls = message, 0
+
+        def get_trials(self, deepcopy=False):
+            return []
+
+        def optimize(self, objective, **kw):
+            self.calls += 1
+            if self.calls == 1:
+                raise AssertionError(self.message)
+
+    args = type("Args", (), dict(time_limit=None, budget=5, workers=1))()
+    study = Study("Should not reach.")
+    tune.run_worker(args, study, None, time.monotonic())
+    assert study.calls == 2
+    with pytest.raises(AssertionError, match="another"):  # any other assertion stands
+        tune.run_worker(args, Study("another"), None, time.monotonic())
