@@ -618,6 +618,35 @@ def _storage(url: str | None):
         raise RuntimeFailure(f"storage {url}: {str(e).splitlines()[0]}") from None
 
 
+def fail_lost_trials(study, storage, grace_s: float = 3 * HEARTBEAT_S) -> int:
+    """Fails the running trials of workers that are gone; returns how many.
+
+    Optuna fails a trial whose heartbeat has stopped, but it only looks at
+    trials that have one: a worker killed after creating its trial and before
+    the trial's first heartbeat leaves it running for good, and as a running
+    trial it holds a place in the budget. A live worker records that first
+    heartbeat at once, so such a trial older than the grace period is lost."""
+    import datetime
+    import optuna
+    from optuna.storages._rdb import models
+    S = optuna.trial.TrialState
+    before = sum(1 for t in study.get_trials(deepcopy=False) if t.state == S.FAIL)
+    optuna.storages.fail_stale_trials(study)
+    now = datetime.datetime.now()  # the clock Optuna stamps a trial's start with
+    session = storage.scoped_session()
+    try:
+        running = session.query(models.TrialModel).filter(
+            models.TrialModel.study_id == study._study_id,
+            models.TrialModel.state == S.RUNNING).all()
+        lost = [t.trial_id for t in running if not t.heartbeats and t.datetime_start is not None
+                and (now - t.datetime_start).total_seconds() > grace_s]
+    finally:
+        session.close()
+    for trial_id in lost:  # through the study, whose cache of trials must see it
+        study._storage.set_trial_state_values(trial_id, state=S.FAIL)
+    return sum(1 for t in study.get_trials(deepcopy=False) if t.state == S.FAIL) - before
+
+
 def _progress(start: float, budget: int, first_done: int):
     def callback(study, trial):
         done = counted(study)
@@ -732,7 +761,7 @@ def _main(argv) -> int:
             study.set_user_attr("search", search)
             study.set_user_attr("command", "qvn_tune " + " ".join(argv))
             study.enqueue_trial({}, user_attrs={"default": True})  # every dimension at its default
-        optuna.storages.fail_stale_trials(study)  # those of an interrupted run
+        fail_lost_trials(study, storage)  # those of an interrupted run
         before = counted(study)
         if before:
             print(f"qvn_tune: study '{name}': {before} of {args.budget} trials done, resuming",

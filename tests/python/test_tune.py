@@ -275,3 +275,19 @@ def test_a_worker_goes_on_when_the_loop_loses_track_of_a_trial():
     assert study.calls == 2
     with pytest.raises(AssertionError, match="another"):  # any other assertion stands
         tune.run_worker(args, Study("another"), None, time.monotonic())
+
+
+def test_only_trials_of_gone_workers_are_failed(tmp_path):
+    storage = tune._storage(f"sqlite:///{tmp_path / 'study.db'}")
+    study = optuna.create_study(storage=storage)
+    no_heartbeat = study.ask()  # as left by a worker killed right after creating it
+    beating = study.ask()
+    storage.record_heartbeat(beating._trial_id)
+    finished = study.ask()
+    study.tell(finished, 1.0)
+    assert tune.fail_lost_trials(study, storage) == 0  # too young to be called lost
+    assert tune.fail_lost_trials(study, storage, grace_s=0) == 1
+    states = {t.number: t.state for t in study.get_trials(deepcopy=False)}
+    S = optuna.trial.TrialState
+    assert states == {no_heartbeat.number: S.FAIL, beating.number: S.RUNNING,
+                      finished.number: S.COMPLETE}
