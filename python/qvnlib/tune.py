@@ -618,8 +618,8 @@ def _storage(url: str | None):
         raise RuntimeFailure(f"storage {url}: {str(e).splitlines()[0]}") from None
 
 
-def fail_lost_trials(study, storage, grace_s: float = 3 * HEARTBEAT_S) -> int:
-    """Fails the running trials of workers that are gone; returns how many.
+def fail_lost_trials(study, storage, grace_s: float = 3 * HEARTBEAT_S) -> None:
+    """Fails the running trials of workers that are gone.
 
     Optuna fails a trial whose heartbeat has stopped, but it only looks at
     trials that have one: a worker killed after creating its trial and before
@@ -630,7 +630,6 @@ def fail_lost_trials(study, storage, grace_s: float = 3 * HEARTBEAT_S) -> int:
     import optuna
     from optuna.storages._rdb import models
     S = optuna.trial.TrialState
-    before = sum(1 for t in study.get_trials(deepcopy=False) if t.state == S.FAIL)
     optuna.storages.fail_stale_trials(study)
     now = datetime.datetime.now()  # the clock Optuna stamps a trial's start with
     session = storage.scoped_session()
@@ -644,7 +643,6 @@ def fail_lost_trials(study, storage, grace_s: float = 3 * HEARTBEAT_S) -> int:
         session.close()
     for trial_id in lost:  # through the study, whose cache of trials must see it
         study._storage.set_trial_state_values(trial_id, state=S.FAIL)
-    return sum(1 for t in study.get_trials(deepcopy=False) if t.state == S.FAIL) - before
 
 
 def _progress(start: float, budget: int, first_done: int):
